@@ -1,0 +1,1 @@
+#include "catalogue/capabilities_check.h"

@@ -1,0 +1,26 @@
+// Lints a capabilities document for host-app developers: what the extension
+// tolerates silently but is almost surely a mistake.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace palvin {
+
+struct CapabilityFinding {
+  enum class Severity { error, warning };
+  Severity severity;
+  std::string path;     // JSON path, e.g. "formats[2].category"
+  std::string message;  // what is wrong there
+  bool operator==(const CapabilityFinding&) const = default;
+};
+
+struct CapabilityCheckReport {
+  std::vector<CapabilityFinding> findings;  // errors first, then warnings in document order
+  bool usable = false;                      // decodes and has schema version 1
+};
+
+CapabilityCheckReport checkCapabilities(std::string_view bytes);
+
+}  // namespace palvin

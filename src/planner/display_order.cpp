@@ -1,0 +1,1 @@
+#include "planner/display_order.h"

@@ -1,0 +1,1 @@
+#include "planner/menu_planner.h"

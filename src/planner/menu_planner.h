@@ -1,0 +1,53 @@
+// Decides what the Convert menu offers for a selection: a pure computation
+// over the catalogue, with no state, files or logging.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "catalogue/capabilities.h"
+#include "requests/request.h"
+
+namespace palvin::FinderMenuPlanner {
+
+struct FileInput {
+  std::string path;
+  std::string ext;  // without the dot, already lower-cased by the caller
+  bool operator==(const FileInput&) const = default;
+};
+
+struct TargetItem {
+  std::string formatId;
+  std::string displayName;
+  bool operator==(const TargetItem&) const = default;
+};
+
+struct CategoryGroup {
+  std::string id;
+  std::string label;
+  std::string icon;
+  std::vector<TargetItem> targets;
+  bool operator==(const CategoryGroup&) const = default;
+};
+
+struct Plan {
+  std::vector<FinderFileRef> files;
+  std::vector<TargetItem> inlineTargets;
+  std::vector<CategoryGroup> groups;
+  bool operator==(const Plan&) const = default;
+};
+
+// Nothing means the selection gets no Convert menu.
+std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs);
+
+// The extension of a path as the menu takes it: the text after the last dot
+// of the last path component (empty when there is none), lower-cased by the
+// locale-independent Unicode default case mapping.
+std::string extensionForPath(std::string_view path);
+
+// A file input for a path, with its extension taken as above.
+FileInput fileInputForPath(std::string path);
+
+}  // namespace palvin::FinderMenuPlanner
