@@ -1,0 +1,1 @@
+#include "catalogue/capability_store.h"

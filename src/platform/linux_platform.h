@@ -1,0 +1,72 @@
+// The platform on Linux: real files, the system logger, the mount table and
+// posix_spawn; Finder's own services (selection, appearance) are set by the
+// entry point, since Linux has no Finder to ask.
+#pragma once
+
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/platform.h"
+
+namespace palvin {
+
+class LinuxPlatform : public Platform {
+ public:
+  // Reads larger than this are refused rather than allowed to exhaust memory.
+  static constexpr std::uint64_t kMaxReadSize = 64ull << 20;
+
+  struct Options {
+    // The shared container; default $XDG_DATA_HOME/<app group identifier>,
+    // or $HOME/.local/share/<app group identifier>.
+    std::optional<std::string> container;
+    // The extension's bundle; default the directory of the running executable.
+    std::optional<std::string> bundlePath;
+    // What "AppleInterfaceStyle" reads as ("Dark" for a dark appearance).
+    std::optional<std::string> appearance;
+    // Directory holding <lang>.lproj/Localizable.strings; none: English keys.
+    std::optional<std::string> stringsDirectory;
+  };
+
+  LinuxPlatform();
+  explicit LinuxPlatform(Options options);
+  ~LinuxPlatform() override;
+  LinuxPlatform(const LinuxPlatform&) = delete;
+  LinuxPlatform& operator=(const LinuxPlatform&) = delete;
+
+  void setSelection(std::vector<std::string> paths);
+  std::vector<std::string> monitoredDirectories() const;
+
+  std::chrono::system_clock::time_point now() override;
+  std::optional<std::string> containerPath(std::string_view appGroupIdentifier) override;
+  bool unifiedLogEnabled(UnifiedLogType type) override;
+  void unifiedLog(UnifiedLogType type, std::string_view message) override;
+  Result<FileTime> modificationDate(const std::string& path) override;
+  Result<std::string> readFile(const std::string& path) override;
+  Status writeFileAtomically(const std::string& path, std::string_view bytes) override;
+  Status createDirectories(const std::string& path) override;
+  Result<std::unique_ptr<WritableFile>> openForWriting(const std::string& path) override;
+  void postNotification(std::string_view name) override;
+  std::string bundlePath() override;
+  void openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
+                       LaunchCompletion completion) override;
+  std::optional<std::vector<std::string>> selectedItemPaths() override;
+  std::optional<bool> isDirectory(const std::string& path) override;
+  std::optional<std::vector<std::string>> mountedVolumePaths() override;
+  void setMonitoredDirectories(const std::vector<std::string>& paths) override;
+  void observeVolumeChanges(std::function<void()> handler) override;
+  void stopObservingVolumeChanges() override;
+  std::optional<std::string> userDefaultString(std::string_view key) override;
+  bool hasSymbolImage(std::string_view name) override;
+  std::string localizedString(std::string_view key) override;
+
+ private:
+  Options options_;
+  mutable std::mutex mutex_;
+  std::vector<std::string> selection_;
+  std::vector<std::string> monitored_;
+};
+
+}  // namespace palvin

@@ -1,0 +1,122 @@
+// The one seam between the portable core and the operating system. Every
+// operation the extension needs from its host platform goes through here, so
+// the same core runs inside Finder (apple), on Linux (linux) and in tests
+// (the recording fake under tests/).
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "shared/result.h"
+
+namespace palvin {
+
+// The unified log's own types; the extension's four levels map onto these.
+enum class UnifiedLogType { debug, info, error };
+
+// A file's last-modification time at the file system's full precision.
+struct FileTime {
+  std::int64_t seconds = 0;
+  std::int64_t nanoseconds = 0;
+  bool operator==(const FileTime&) const = default;
+};
+
+// A file opened for writing without creating or truncating it.
+class WritableFile {
+ public:
+  virtual ~WritableFile() = default;
+  // Moves to the end and yields the resulting offset.
+  virtual Result<std::uint64_t> seekToEnd() = 0;
+  // Writes all of `bytes` at the current position.
+  virtual Status write(std::string_view bytes) = 0;
+  virtual Status close() = 0;
+};
+
+struct OpenConfiguration {
+  bool activates = false;
+  bool addsToRecentItems = false;
+};
+
+// Called once the launch has been tried: nothing on success, else the error's
+// human-readable description. May run on any thread.
+using LaunchCompletion = std::function<void(std::optional<std::string> error)>;
+
+class Platform {
+ public:
+  virtual ~Platform() = default;
+
+  // --- Time -------------------------------------------------------------
+  virtual std::chrono::system_clock::time_point now() = 0;
+
+  // --- Shared container -------------------------------------------------
+  // The app group container's root directory, or nothing. Asked afresh on
+  // every call; creates nothing.
+  virtual std::optional<std::string> containerPath(std::string_view appGroupIdentifier) = 0;
+
+  // --- Unified log ------------------------------------------------------
+  // The handle behind these is made once, on first use.
+  virtual bool unifiedLogEnabled(UnifiedLogType type) = 0;
+  virtual void unifiedLog(UnifiedLogType type, std::string_view message) = 0;
+
+  // --- Files --------------------------------------------------------------
+  // Modification date of a regular file; an error when it is missing or can't
+  // be examined.
+  virtual Result<FileTime> modificationDate(const std::string& path) = 0;
+  // The whole content of a file. Refuses, with a description, anything that
+  // could block or exhaust memory (FIFOs, devices, directories, huge files).
+  virtual Result<std::string> readFile(const std::string& path) = 0;
+  // Replaces the file's whole content through a temporary file in the same
+  // directory, so a reader sees the old file or the new one, never a part.
+  virtual Status writeFileAtomically(const std::string& path, std::string_view bytes) = 0;
+  // Creates a directory and its missing parents; succeeds when it exists.
+  virtual Status createDirectories(const std::string& path) = 0;
+  // An existing file opened for writing, or the reason it can't be.
+  virtual Result<std::unique_ptr<WritableFile>> openForWriting(const std::string& path) = 0;
+
+  // --- Notifications, bundles, launching ---------------------------------
+  // A system-wide notification with a name and no payload.
+  virtual void postNotification(std::string_view name) = 0;
+  // The path of the extension's own bundle.
+  virtual std::string bundlePath() = 0;
+  // Starts (or finds) the application whose bundle is at `bundlePath`.
+  // Returns at once; `completion` runs when the outcome is known.
+  virtual void openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
+                               LaunchCompletion completion) = 0;
+
+  // --- Finder -------------------------------------------------------------
+  // The paths of the current selection, in the file manager's order, or
+  // nothing when the platform gives none.
+  virtual std::optional<std::vector<std::string>> selectedItemPaths() = 0;
+  // true or false, or nothing when unknown or the lookup failed.
+  virtual std::optional<bool> isDirectory(const std::string& path) = 0;
+  // Mounted volumes' root paths, hidden ones included, or nothing.
+  virtual std::optional<std::vector<std::string>> mountedVolumePaths() = 0;
+  // Replaces the set of directories the file manager involves us in.
+  virtual void setMonitoredDirectories(const std::vector<std::string>& paths) = 0;
+  // Starts delivering mount and unmount events to `handler` (on a thread of
+  // the platform's choosing); replaces an earlier handler.
+  virtual void observeVolumeChanges(std::function<void()> handler) = 0;
+  // Stops delivering them; after it returns the handler is not called again.
+  virtual void stopObservingVolumeChanges() = 0;
+  // A string from the user's defaults, or nothing.
+  virtual std::optional<std::string> userDefaultString(std::string_view key) = 0;
+  // Whether the system has a symbol image of that name.
+  virtual bool hasSymbolImage(std::string_view name) = 0;
+  // The localised text for an English key in the extension's own strings
+  // table, the key itself when there is no translation.
+  virtual std::string localizedString(std::string_view key) = 0;
+};
+
+// The platform installed by the entry point (the macOS shell, the tool, a
+// test). Installing replaces the previous one; the caller keeps ownership.
+void installPlatform(Platform* platform);
+Platform& currentPlatform();
+bool hasPlatform();
+
+}  // namespace palvin

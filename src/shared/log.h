@@ -1,0 +1,34 @@
+// The extension's one logging operation: every message goes to the unified
+// log at once and, through a serial background queue, to
+// "finder-extension.log" in the shared container.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+namespace palvin::FinderLog {
+
+enum class Level { debug, info, warn, error };
+
+inline constexpr std::string_view kFileName = "finder-extension.log";
+inline constexpr std::uint64_t kTrimThreshold = 262144;  // an append past this trims
+inline constexpr std::uint64_t kTrimKeep = 131072;       // bytes kept by a trim
+
+// "DEBUG", "INFO", "WARN" or "ERROR".
+std::string_view tag(Level level);
+
+// Never fails and never waits for the disk.
+void log(Level level, std::string_view message);
+
+// Waits until every line logged so far has been handled. For the tool and
+// tests; the extension itself never waits.
+void flush();
+
+// The line as the file holds it: timestamp, " [", tag, "] ", message, "\n".
+std::string formatLine(std::chrono::system_clock::time_point when, Level level, std::string_view message);
+
+// 2026-11-23T09:00:00.123Z
+std::string formatTimestamp(std::chrono::system_clock::time_point when);
+
+}  // namespace palvin::FinderLog

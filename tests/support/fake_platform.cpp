@@ -1,0 +1,250 @@
+#include "support/fake_platform.h"
+
+#include "shared/paths.h"
+
+namespace palvin::testing {
+
+class FakeWritableFile : public WritableFile {
+ public:
+  FakeWritableFile(FakePlatform& platform, std::string path) : platform_(platform), path_(std::move(path)) {}
+
+  Result<std::uint64_t> seekToEnd() override {
+    std::lock_guard lock(platform_.mutex_);
+    auto it = platform_.files_.find(path_);
+    position_ = it == platform_.files_.end() ? 0 : it->second.content.size();
+    return position_;
+  }
+
+  Status write(std::string_view bytes) override {
+    std::lock_guard lock(platform_.mutex_);
+    if (platform_.failWrites) return Error{*platform_.failWrites};
+    auto& file = platform_.files_[path_];
+    if (file.content.size() < position_) file.content.resize(position_);
+    file.content.replace(position_, bytes.size(), bytes);
+    position_ += bytes.size();
+    file.modified = platform_.tick();
+    return success();
+  }
+
+  Status close() override { return success(); }
+
+ private:
+  FakePlatform& platform_;
+  std::string path_;
+  std::size_t position_ = 0;
+};
+
+FakePlatform::FakePlatform() { directories.insert("/container"); }
+
+FileTime FakePlatform::tick() {
+  ++ticks_;
+  return FileTime{1795424400 + ticks_, 0};
+}
+
+void FakePlatform::putFile(const std::string& path, std::string content, FileTime modified) {
+  std::lock_guard lock(mutex_);
+  files_[path] = File{std::move(content), modified};
+}
+
+std::optional<FakePlatform::File> FakePlatform::file(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  auto it = files_.find(path);
+  if (it == files_.end()) return std::nullopt;
+  return it->second;
+}
+
+void FakePlatform::removeFile(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  files_.erase(path);
+}
+
+std::vector<std::string> FakePlatform::filesUnder(const std::string& directory) const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::string> out;
+  for (const auto& [path, file] : files_) {
+    if (paths::parent(path) == directory) out.push_back(path);
+  }
+  return out;
+}
+
+std::vector<std::string> FakePlatform::notifications() const {
+  std::lock_guard lock(mutex_);
+  return notifications_;
+}
+std::vector<FakePlatform::Launch> FakePlatform::launches() const {
+  std::lock_guard lock(mutex_);
+  return launches_;
+}
+std::vector<std::vector<std::string>> FakePlatform::monitoredHistory() const {
+  std::lock_guard lock(mutex_);
+  return monitored_;
+}
+std::vector<FakePlatform::UnifiedEntry> FakePlatform::unifiedEntries() const {
+  std::lock_guard lock(mutex_);
+  return unified_;
+}
+std::vector<std::string> FakePlatform::events() const {
+  std::lock_guard lock(mutex_);
+  return events_;
+}
+int FakePlatform::fileReads() const {
+  std::lock_guard lock(mutex_);
+  return reads_;
+}
+
+void FakePlatform::simulateVolumeChange() {
+  std::function<void()> handler;
+  {
+    std::lock_guard lock(mutex_);
+    handler = volumeHandler_;
+  }
+  if (handler) handler();
+}
+
+bool FakePlatform::observingVolumes() const {
+  std::lock_guard lock(mutex_);
+  return static_cast<bool>(volumeHandler_);
+}
+
+std::chrono::system_clock::time_point FakePlatform::now() {
+  std::lock_guard lock(mutex_);
+  return clock;
+}
+
+std::optional<std::string> FakePlatform::containerPath(std::string_view appGroupIdentifier) {
+  std::lock_guard lock(mutex_);
+  appGroupAskedFor = appGroupIdentifier;
+  return container;
+}
+
+bool FakePlatform::unifiedLogEnabled(UnifiedLogType type) {
+  std::lock_guard lock(mutex_);
+  return enabledTypes.count(type) != 0;
+}
+
+void FakePlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
+  std::lock_guard lock(mutex_);
+  unified_.push_back({type, std::string(message)});
+}
+
+Result<FileTime> FakePlatform::modificationDate(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  auto it = files_.find(path);
+  if (it == files_.end()) return Error{"The file \"" + std::string(paths::lastComponent(path)) + "\" doesn't exist."};
+  return it->second.modified;
+}
+
+Result<std::string> FakePlatform::readFile(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  ++reads_;
+  if (failReads) return Error{*failReads};
+  auto it = files_.find(path);
+  if (it == files_.end()) return Error{"The file \"" + std::string(paths::lastComponent(path)) + "\" doesn't exist."};
+  return it->second.content;
+}
+
+Status FakePlatform::writeFileAtomically(const std::string& path, std::string_view bytes) {
+  std::lock_guard lock(mutex_);
+  if (failWrites) return Error{*failWrites};
+  if (directories.count(paths::parent(path)) == 0) return Error{"No such file or directory"};
+  files_[path] = File{std::string(bytes), tick()};
+  events_.push_back("write " + path);
+  return success();
+}
+
+Status FakePlatform::createDirectories(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  if (failCreateDirectories) return Error{*failCreateDirectories};
+  for (std::string p = path; p != "/" && p != "."; p = paths::parent(p)) directories.insert(p);
+  return success();
+}
+
+Result<std::unique_ptr<WritableFile>> FakePlatform::openForWriting(const std::string& path) {
+  {
+    std::lock_guard lock(mutex_);
+    if (failOpenForWriting) return Error{*failOpenForWriting};
+    if (files_.count(path) == 0) return Error{"No such file or directory"};
+  }
+  return std::unique_ptr<WritableFile>(std::make_unique<FakeWritableFile>(*this, path));
+}
+
+void FakePlatform::postNotification(std::string_view name) {
+  std::lock_guard lock(mutex_);
+  notifications_.emplace_back(name);
+  events_.push_back("notify " + std::string(name));
+}
+
+std::string FakePlatform::bundlePath() {
+  std::lock_guard lock(mutex_);
+  return bundle;
+}
+
+void FakePlatform::openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
+                                   LaunchCompletion completion) {
+  std::optional<std::string> error;
+  {
+    std::lock_guard lock(mutex_);
+    launches_.push_back({bundlePath, configuration});
+    events_.push_back("open " + bundlePath);
+    error = failLaunch;
+  }
+  completion(error);
+}
+
+std::optional<std::vector<std::string>> FakePlatform::selectedItemPaths() {
+  std::lock_guard lock(mutex_);
+  return selection;
+}
+
+std::optional<bool> FakePlatform::isDirectory(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  if (unknownDirectoryness.count(path) != 0) return std::nullopt;
+  return directories.count(path) != 0;
+}
+
+std::optional<std::vector<std::string>> FakePlatform::mountedVolumePaths() {
+  std::lock_guard lock(mutex_);
+  return volumes;
+}
+
+void FakePlatform::setMonitoredDirectories(const std::vector<std::string>& paths) {
+  std::lock_guard lock(mutex_);
+  monitored_.push_back(paths);
+}
+
+void FakePlatform::observeVolumeChanges(std::function<void()> handler) {
+  std::lock_guard lock(mutex_);
+  volumeHandler_ = std::move(handler);
+}
+
+void FakePlatform::stopObservingVolumeChanges() {
+  std::lock_guard lock(mutex_);
+  volumeHandler_ = nullptr;
+}
+
+std::optional<std::string> FakePlatform::userDefaultString(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  auto it = defaults.find(std::string(key));
+  if (it == defaults.end()) return std::nullopt;
+  return it->second;
+}
+
+bool FakePlatform::hasSymbolImage(std::string_view name) {
+  std::lock_guard lock(mutex_);
+  return symbols.count(std::string(name)) != 0;
+}
+
+std::string FakePlatform::localizedString(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  auto it = translations.find(std::string(key));
+  return it == translations.end() ? std::string(key) : it->second;
+}
+
+ScopedPlatform::ScopedPlatform(Platform& platform)
+    : previous_(hasPlatform() ? &currentPlatform() : nullptr) {
+  installPlatform(&platform);
+}
+
+ScopedPlatform::~ScopedPlatform() { installPlatform(previous_); }
+
+}  // namespace palvin::testing

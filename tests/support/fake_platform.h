@@ -1,0 +1,126 @@
+// A platform for tests: an in-memory file system with a controllable clock,
+// failure switches, and a record of every outward effect (notifications,
+// launches, monitored directories, unified-log entries) in call order.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/platform.h"
+
+namespace palvin::testing {
+
+class FakePlatform : public Platform {
+ public:
+  struct File {
+    std::string content;
+    FileTime modified;
+  };
+  struct Launch {
+    std::string bundlePath;
+    OpenConfiguration configuration;
+  };
+  struct UnifiedEntry {
+    UnifiedLogType type;
+    std::string message;
+    bool operator==(const UnifiedEntry&) const = default;
+  };
+
+  FakePlatform();
+
+  // --- Set-up ------------------------------------------------------------
+  std::optional<std::string> container = "/container";
+  std::string bundle = "/Applications/Palvin.app/Contents/PlugIns/PalvinFinder.appex";
+  std::optional<std::vector<std::string>> selection;
+  std::set<std::string> directories;         // paths that are directories (also for isDirectory)
+  std::set<std::string> unknownDirectoryness;  // paths whose directory lookup fails
+  std::optional<std::vector<std::string>> volumes = std::vector<std::string>{};
+  std::map<std::string, std::string> defaults;
+  std::set<std::string> symbols = {"photo", "doc.text", "film", "waveform"};
+  std::map<std::string, std::string> translations;
+  std::set<UnifiedLogType> enabledTypes = {UnifiedLogType::info, UnifiedLogType::error};
+  std::chrono::system_clock::time_point clock{std::chrono::milliseconds(1795424400123)};
+
+  // Failure switches: when set, the operation fails with this description.
+  std::optional<std::string> failWrites;
+  std::optional<std::string> failCreateDirectories;
+  std::optional<std::string> failOpenForWriting;
+  std::optional<std::string> failReads;
+  std::optional<std::string> failLaunch;
+
+  // --- In-memory files ---------------------------------------------------
+  void putFile(const std::string& path, std::string content, FileTime modified);
+  std::optional<File> file(const std::string& path) const;
+  void removeFile(const std::string& path);
+  std::vector<std::string> filesUnder(const std::string& directory) const;
+
+  // --- What happened -----------------------------------------------------
+  std::vector<std::string> notifications() const;
+  std::vector<Launch> launches() const;
+  std::vector<std::vector<std::string>> monitoredHistory() const;
+  std::vector<UnifiedEntry> unifiedEntries() const;
+  // Outward effects in order: "write <path>", "notify <name>", "open <path>".
+  std::vector<std::string> events() const;
+  int fileReads() const;
+  // Delivers a mount or unmount to the registered observer, if any.
+  void simulateVolumeChange();
+  bool observingVolumes() const;
+
+  // --- Platform ----------------------------------------------------------
+  std::chrono::system_clock::time_point now() override;
+  std::optional<std::string> containerPath(std::string_view appGroupIdentifier) override;
+  bool unifiedLogEnabled(UnifiedLogType type) override;
+  void unifiedLog(UnifiedLogType type, std::string_view message) override;
+  Result<FileTime> modificationDate(const std::string& path) override;
+  Result<std::string> readFile(const std::string& path) override;
+  Status writeFileAtomically(const std::string& path, std::string_view bytes) override;
+  Status createDirectories(const std::string& path) override;
+  Result<std::unique_ptr<WritableFile>> openForWriting(const std::string& path) override;
+  void postNotification(std::string_view name) override;
+  std::string bundlePath() override;
+  void openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
+                       LaunchCompletion completion) override;
+  std::optional<std::vector<std::string>> selectedItemPaths() override;
+  std::optional<bool> isDirectory(const std::string& path) override;
+  std::optional<std::vector<std::string>> mountedVolumePaths() override;
+  void setMonitoredDirectories(const std::vector<std::string>& paths) override;
+  void observeVolumeChanges(std::function<void()> handler) override;
+  void stopObservingVolumeChanges() override;
+  std::optional<std::string> userDefaultString(std::string_view key) override;
+  bool hasSymbolImage(std::string_view name) override;
+  std::string localizedString(std::string_view key) override;
+
+  std::string appGroupAskedFor;  // the identifier of the last container lookup
+
+ private:
+  friend class FakeWritableFile;
+  FileTime tick();
+
+  mutable std::mutex mutex_;
+  std::map<std::string, File> files_;
+  std::vector<std::string> notifications_;
+  std::vector<Launch> launches_;
+  std::vector<std::vector<std::string>> monitored_;
+  std::vector<UnifiedEntry> unified_;
+  std::vector<std::string> events_;
+  std::function<void()> volumeHandler_;
+  int reads_ = 0;
+  std::int64_t ticks_ = 0;
+};
+
+// Installs a platform for the lifetime of a scope and puts back the previous one.
+class ScopedPlatform {
+ public:
+  explicit ScopedPlatform(Platform& platform);
+  ~ScopedPlatform();
+  ScopedPlatform(const ScopedPlatform&) = delete;
+  ScopedPlatform& operator=(const ScopedPlatform&) = delete;
+
+ private:
+  Platform* previous_;
+};
+
+}  // namespace palvin::testing
