@@ -4,16 +4,13 @@
 
 namespace palvin::json {
 
-bool isValidUtf8(std::string_view s) {
-  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
-  const auto* end = p + s.size();
-  while (p < end) {
-    unsigned char c = *p;
-    if (c < 0x80) {
-      ++p;
-      continue;
-    }
-    int extra;
+namespace {
+
+// The length of the well-formed UTF-8 sequence at p, or 0 when there is none.
+int sequenceLength(const unsigned char* p, const unsigned char* end) {
+  unsigned char c = *p;
+  if (c < 0x80) return 1;
+  int extra;
     std::uint32_t cp;
     if (c >= 0xC2 && c <= 0xDF) {
       extra = 1;
@@ -24,21 +21,51 @@ bool isValidUtf8(std::string_view s) {
     } else if (c >= 0xF0 && c <= 0xF4) {
       extra = 3;
       cp = c & 0x07;
-    } else {
-      return false;  // continuation byte, overlong lead (C0, C1) or past F4
-    }
-    if (end - p <= extra) return false;
-    for (int i = 1; i <= extra; ++i) {
-      if ((p[i] & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (p[i] & 0x3F);
-    }
-    if ((extra == 2 && cp < 0x800) || (extra == 3 && cp < 0x10000) || cp > 0x10FFFF ||
-        (cp >= 0xD800 && cp <= 0xDFFF)) {
-      return false;
-    }
-    p += extra + 1;
+  } else {
+    return 0;  // continuation byte, overlong lead (C0, C1) or past F4
+  }
+  if (end - p <= extra) return 0;
+  for (int i = 1; i <= extra; ++i) {
+    if ((p[i] & 0xC0) != 0x80) return 0;
+    cp = (cp << 6) | (p[i] & 0x3F);
+  }
+  if ((extra == 2 && cp < 0x800) || (extra == 3 && cp < 0x10000) || cp > 0x10FFFF ||
+      (cp >= 0xD800 && cp <= 0xDFFF)) {
+    return 0;
+  }
+  return extra + 1;
+}
+
+}  // namespace
+
+bool isValidUtf8(std::string_view s) {
+  const auto* p = reinterpret_cast<const unsigned char*>(s.data());
+  const auto* end = p + s.size();
+  while (p < end) {
+    int n = sequenceLength(p, end);
+    if (n == 0) return false;
+    p += n;
   }
   return true;
+}
+
+std::string toValidUtf8(std::string_view s) {
+  const auto* begin = reinterpret_cast<const unsigned char*>(s.data());
+  const auto* p = begin;
+  const auto* end = p + s.size();
+  std::string out;
+  out.reserve(s.size());
+  while (p < end) {
+    int n = sequenceLength(p, end);
+    if (n == 0) {
+      out += "\xEF\xBF\xBD";
+      ++p;
+    } else {
+      out.append(s.substr(p - begin, n));
+      p += n;
+    }
+  }
+  return out;
 }
 
 bool appendString(std::string& out, std::string_view s, bool escapeSlash) {

@@ -12,6 +12,10 @@ namespace palvin::json {
 // points past U+10FFFF).
 bool isValidUtf8(std::string_view s);
 
+// `s` with every byte that is not part of well-formed UTF-8 replaced by
+// U+FFFD, for output that must stay readable (the tool, diagnostics).
+std::string toValidUtf8(std::string_view s);
+
 // Appends `s` as a JSON string literal: '"', '\\' and control characters are
 // escaped (short forms where JSON has them, \u00XX otherwise), non-ASCII is
 // copied raw, and '/' becomes "\/" when `escapeSlash` is set. Returns false
