@@ -1,0 +1,38 @@
+// Runs the built palvin-finder with arguments and captures what it prints.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace palvin::testing {
+
+struct ToolRun {
+  int exitCode = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs PALVIN_TOOL_PATH with `args`; `env` entries ("NAME=value") are added to
+// the environment, and standard input is empty.
+ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+
+// A fresh directory under the system's temporary directory, removed with its
+// content when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+  // Writes `content` to `name` inside the directory and returns its path.
+  std::string write(const std::string& name, const std::string& content) const;
+
+ private:
+  std::string path_;
+};
+
+std::string readWholeFile(const std::string& path);
+
+}  // namespace palvin::testing
