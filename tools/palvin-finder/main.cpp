@@ -61,6 +61,7 @@ int main(int argc, char** argv) {
   palvin::tool::Registry registry{app, exitCode};
   palvin::tool::registerPlanCommand(registry);
   palvin::tool::registerCheckCommand(registry);
+  palvin::tool::registerMenuCommand(registry);
 
   try {
     app.parse(argc, argv);

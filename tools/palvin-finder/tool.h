@@ -25,6 +25,7 @@ struct Registry {
 
 void registerPlanCommand(Registry registry);
 void registerCheckCommand(Registry registry);
+void registerMenuCommand(Registry registry);
 
 // Reads and decodes a capabilities document, refusing FIFOs, devices and
 // oversized files like the extension does. The error is the description the
