@@ -57,14 +57,15 @@ FinderCapabilities sampleCatalogue() {
                   {"document", "Documents", "doc.text"},
                   {"video", "Video", "film"},
                   {"audio", "Audio", "waveform"}};
-  c.formats = {{"png", "PNG", "image", "png"},        {"jpeg", "JPEG", "image", "jpg"},
-               {"heic", "HEIC", "image", "heic"},     {"webp", "WebP", "image", "webp"},
-               {"gif", "GIF", "image", "gif"},        {"pdf", "PDF", "document", "pdf"},
+  c.formats = {{"png", "PNG", "image", "png"},           {"jpeg", "JPEG", "image", "jpg"},
+               {"heic", "HEIC", "image", "heic"},        {"webp", "WebP", "image", "webp"},
+               {"gif", "GIF", "image", "gif"},           {"pdf", "PDF", "document", "pdf"},
                {"txt", "Plain Text", "document", "txt"}, {"mov", "MOV", "video", "mov"},
-               {"mp4", "MP4", "video", "mp4"},        {"wav", "WAV", "audio", "wav"},
-               {"mp3", "MP3", "audio", "mp3"},        {"ogg", "OGG", "sound", "ogg"}};
-  c.extensionToFormatId = {{"png", "png"}, {"jpg", "jpeg"}, {"jpeg", "jpeg"}, {"heic", "heic"}, {"pdf", "pdf"},
-                           {"txt", "txt"}, {"mov", "mov"},  {"wav", "wav"},   {"tga", "tga"}};
+               {"mp4", "MP4", "video", "mp4"},           {"wav", "WAV", "audio", "wav"},
+               {"mp3", "MP3", "audio", "mp3"},           {"ogg", "OGG", "sound", "ogg"}};
+  c.extensionToFormatId = {{"png", "png"},   {"jpg", "jpeg"}, {"jpeg", "jpeg"},
+                           {"heic", "heic"}, {"pdf", "pdf"},  {"txt", "txt"},
+                           {"mov", "mov"},   {"wav", "wav"},  {"tga", "tga"}};
   c.conversions = {{"png", {"jpeg", "webp", "pdf", "heic", "png"}},
                    {"jpeg", {"png", "webp", "pdf", "tiff"}},
                    {"heic", {"png", "jpeg"}},
@@ -78,11 +79,15 @@ FinderCapabilities sampleCatalogue() {
 const TargetItem kPng{"png", "PNG"}, kJpeg{"jpeg", "JPEG"}, kHeic{"heic", "HEIC"}, kWebp{"webp", "WebP"},
     kGif{"gif", "GIF"}, kPdf{"pdf", "PDF"}, kMp4{"mp4", "MP4"}, kWav{"wav", "WAV"}, kMp3{"mp3", "MP3"};
 
-CategoryGroup images(std::vector<TargetItem> targets) { return {"image", "Images", "photo", std::move(targets)}; }
+CategoryGroup images(std::vector<TargetItem> targets) {
+  return {"image", "Images", "photo", std::move(targets)};
+}
 CategoryGroup documents(std::vector<TargetItem> targets) {
   return {"document", "Documents", "doc.text", std::move(targets)};
 }
-CategoryGroup audio(std::vector<TargetItem> targets) { return {"audio", "Audio", "waveform", std::move(targets)}; }
+CategoryGroup audio(std::vector<TargetItem> targets) {
+  return {"audio", "Audio", "waveform", std::move(targets)};
+}
 
 struct PlanCase {
   const char* name;
@@ -174,7 +179,9 @@ TEST_F(MenuPlannerTest, EmptyFormatsOfferNothing) {
 TEST_F(MenuPlannerTest, RepeatedFormatIdTakesFirstEntry) {
   catalogue_.formats.push_back({"jpeg", "Joint Photographic", "document", "jpe"});
   expectCases({
-      {"as target", {{"/u/a.png", "png"}}, Plan{{{"/u/a.png", "png"}}, {kHeic, kJpeg, kWebp}, {documents({kPdf})}}},
+      {"as target",
+       {{"/u/a.png", "png"}},
+       Plan{{{"/u/a.png", "png"}}, {kHeic, kJpeg, kWebp}, {documents({kPdf})}}},
       // The source category also comes from the first entry: image, so PNG and
       // WebP stand inline and the dangling tiff is dropped.
       {"as source", {{"/u/b.jpg", "jpg"}}, Plan{{{"/u/b.jpg", "jpeg"}}, {kPng, kWebp}, {documents({kPdf})}}},
@@ -184,19 +191,24 @@ TEST_F(MenuPlannerTest, RepeatedFormatIdTakesFirstEntry) {
 TEST_F(MenuPlannerTest, RepeatedCategoryTakesFirstEntryAndPosition) {
   // Listed again after audio: with the later entry, Audio would come first.
   catalogue_.categories.push_back({"image", "Pictures", "camera"});
-  expectCases({{"MOV", {{"/u/m.mov", "mov"}}, Plan{{{"/u/m.mov", "mov"}}, {kMp4}, {images({kGif}), audio({kMp3, kWav})}}}});
+  expectCases({{"MOV",
+                {{"/u/m.mov", "mov"}},
+                Plan{{{"/u/m.mov", "mov"}}, {kMp4}, {images({kGif}), audio({kMp3, kWav})}}}});
 }
 
 TEST_F(MenuPlannerTest, RepeatedConversionEntriesCountOnce) {
   catalogue_.conversions["png"] = {"jpeg", "jpeg", "pdf", "webp", "pdf", "heic"};
-  expectCases({{"PNG", {{"/u/a.png", "png"}}, Plan{{{"/u/a.png", "png"}}, {kHeic, kJpeg, kWebp}, {documents({kPdf})}}}});
+  expectCases({{"PNG",
+                {{"/u/a.png", "png"}},
+                Plan{{{"/u/a.png", "png"}}, {kHeic, kJpeg, kWebp}, {documents({kPdf})}}}});
 }
 
 TEST_F(MenuPlannerTest, UnlistedSourceCategoryStillStandsInline) {
   catalogue_.formats.push_back({"flac", "FLAC", "sound", "flac"});
   catalogue_.extensionToFormatId["ogg"] = "ogg";
   catalogue_.conversions["ogg"] = {"flac", "wav", "ogg", "tiff"};
-  expectCases({{"OGG", {{"/u/o.ogg", "ogg"}}, Plan{{{"/u/o.ogg", "ogg"}}, {{"flac", "FLAC"}}, {audio({kWav})}}}});
+  expectCases(
+      {{"OGG", {{"/u/o.ogg", "ogg"}}, Plan{{{"/u/o.ogg", "ogg"}}, {{"flac", "FLAC"}}, {audio({kWav})}}}});
 }
 
 TEST_F(MenuPlannerTest, OnlyDanglingTargetsGiveNoPlan) {
@@ -205,26 +217,32 @@ TEST_F(MenuPlannerTest, OnlyDanglingTargetsGiveNoPlan) {
 }
 
 TEST_F(MenuPlannerTest, NamesThatCompareTheSameStandTogetherByFormatId) {
-  catalogue_.formats.insert(catalogue_.formats.begin(),
-                            {{"foo2", "foo", "image", ""}, {"zz", "zebra", "image", ""}, {"foo1", "Foo", "image", ""},
-                             {"bar", "bar", "image", ""}, {"foo0", "FOO", "image", ""}});
+  catalogue_.formats.insert(catalogue_.formats.begin(), {{"foo2", "foo", "image", ""},
+                                                         {"zz", "zebra", "image", ""},
+                                                         {"foo1", "Foo", "image", ""},
+                                                         {"bar", "bar", "image", ""},
+                                                         {"foo0", "FOO", "image", ""}});
   catalogue_.conversions["heic"] = {"zz", "foo2", "foo1", "bar", "foo0", "png"};
-  expectCases({{"HEIC",
-                {{"/u/h.heic", "heic"}},
-                Plan{{{"/u/h.heic", "heic"}},
-                     {{"bar", "bar"}, {"foo0", "FOO"}, {"foo1", "Foo"}, {"foo2", "foo"}, kPng, {"zz", "zebra"}},
-                     {}}}});
+  expectCases(
+      {{"HEIC",
+        {{"/u/h.heic", "heic"}},
+        Plan{{{"/u/h.heic", "heic"}},
+             {{"bar", "bar"}, {"foo0", "FOO"}, {"foo1", "Foo"}, {"foo2", "foo"}, kPng, {"zz", "zebra"}},
+             {}}}});
 }
 
 TEST_F(MenuPlannerTest, TargetsFollowTheCurrentLocalesOrder) {
-  catalogue_.formats.insert(catalogue_.formats.begin(),
-                            {{"zebra", "Zebra", "image", ""}, {"orn", "Örn", "image", ""}, {"oak", "Oak", "image", ""}});
+  catalogue_.formats.insert(
+      catalogue_.formats.begin(),
+      {{"zebra", "Zebra", "image", ""}, {"orn", "Örn", "image", ""}, {"oak", "Oak", "image", ""}});
   catalogue_.conversions["heic"] = {"zebra", "orn", "oak"};
   const std::vector<FileInput> heic{{"/u/h.heic", "heic"}};
   const TargetItem oak{"oak", "Oak"}, orn{"orn", "Örn"}, zebra{"zebra", "Zebra"};
-  EXPECT_EQ(FinderMenuPlanner::plan(catalogue_, heic)->inlineTargets, (std::vector<TargetItem>{oak, orn, zebra}));
+  EXPECT_EQ(FinderMenuPlanner::plan(catalogue_, heic)->inlineTargets,
+            (std::vector<TargetItem>{oak, orn, zebra}));
   LocaleScope swedish(Env{{"LC_ALL", "sv_SE.UTF-8"}});
-  EXPECT_EQ(FinderMenuPlanner::plan(catalogue_, heic)->inlineTargets, (std::vector<TargetItem>{oak, zebra, orn}));
+  EXPECT_EQ(FinderMenuPlanner::plan(catalogue_, heic)->inlineTargets,
+            (std::vector<TargetItem>{oak, zebra, orn}));
 }
 
 // Random catalogues, some of them inconsistent, checked against the
@@ -245,8 +263,8 @@ TEST(MenuPlannerProperty, RandomCataloguesKeepThePlanInvariants) {
     }
     const int formatCount = pick(6) == 0 ? pick(3) : 6 + pick(10);
     for (int i = 0; i < formatCount; ++i) {
-      c.formats.push_back(
-          {"f" + std::to_string(pick(10)), names[static_cast<size_t>(pick(8))], "c" + std::to_string(pick(5)), ""});
+      c.formats.push_back({"f" + std::to_string(pick(10)), names[static_cast<size_t>(pick(8))],
+                           "c" + std::to_string(pick(5)), ""});
     }
     for (int e = 0; e < 6; ++e) {
       if (pick(5) != 0) c.extensionToFormatId["e" + std::to_string(e)] = "f" + std::to_string(pick(10));
@@ -438,9 +456,9 @@ TEST(ExtensionForPath, Table) {
       {"/", ""},
       {"", ""},
       {"/a/x.ÄBC", "äbc"},
-      {"/a/x.İ", "i\xCC\x87"},      // full mapping: i with combining dot above
-      {"/a/x.ΟΔΟΣ", "οδος"},        // final sigma
-      {"/a/x.A\xFF" "B", "a\xFF" "b"},  // not UTF-8: only ASCII folds
+      {"/a/x.İ", "i\xCC\x87"},          // full mapping: i with combining dot above
+      {"/a/x.ΟΔΟΣ", "οδος"},            // final sigma
+      {"/a/x.A\xFF\x42", "a\xFF\x62"},  // not UTF-8: only ASCII folds ("B" -> "b")
       {"/a/x.\xC3", "\xC3"},
       {"/a/x.\xC3\x84\xED\xA0\x80Q", "\xC3\x84\xED\xA0\x80q"},  // encoded surrogate is ill-formed
   };
@@ -456,7 +474,8 @@ TEST(ExtensionForPath, IgnoresTheUsersLocale) {
 }
 
 TEST(ExtensionForPath, FileInputKeepsThePath) {
-  EXPECT_EQ(FinderMenuPlanner::fileInputForPath("/Users/a/Photo.HEIC"), (FileInput{"/Users/a/Photo.HEIC", "heic"}));
+  EXPECT_EQ(FinderMenuPlanner::fileInputForPath("/Users/a/Photo.HEIC"),
+            (FileInput{"/Users/a/Photo.HEIC", "heic"}));
 }
 
 }  // namespace

@@ -101,9 +101,8 @@ const DisplayNameCollator& DisplayNameCollator::current() {
 int DisplayNameCollator::compare(std::string_view a, std::string_view b) const {
   if (impl_->collator == nullptr) return compareBytesIgnoringAsciiCase(a, b);
   UErrorCode status = U_ZERO_ERROR;
-  const UCollationResult result =
-      ucol_strcollUTF8(impl_->collator, a.data(), static_cast<int32_t>(a.size()), b.data(),
-                       static_cast<int32_t>(b.size()), &status);
+  const UCollationResult result = ucol_strcollUTF8(impl_->collator, a.data(), static_cast<int32_t>(a.size()),
+                                                   b.data(), static_cast<int32_t>(b.size()), &status);
   if (U_FAILURE(status)) return compareBytesIgnoringAsciiCase(a, b);
   return result == UCOL_LESS ? -1 : (result == UCOL_GREATER ? 1 : 0);
 }

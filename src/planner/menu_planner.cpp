@@ -77,7 +77,8 @@ std::string lowerCased(std::string_view text) {
     lowerAsciiInPlace(lowered);
     return lowered;
   }
-  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max()) || !isWellFormedUtf8(text)) {
+  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max()) ||
+      !isWellFormedUtf8(text)) {
     // Bytes that are not text keep their value; only what is surely ASCII folds.
     lowerAsciiInPlace(lowered);
     return lowered;
