@@ -184,8 +184,12 @@ class RecordingReporter : public benchmark::ConsoleReporter {
 
   void ReportRuns(const std::vector<Run>& reports) override {
     for (const Run& run : reports) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      Sum& sum = seconds_[run.run_name.function_name];
+      if (run.error_occurred) continue;
+      // With --benchmark_report_aggregates_only only the aggregates arrive;
+      // their mean then stands for the runs.
+      const bool mean = run.run_type == Run::RT_Aggregate && run.aggregate_name == "mean";
+      if (run.run_type != Run::RT_Iteration && !mean) continue;
+      Sum& sum = (mean ? means_ : seconds_)[run.run_name.function_name];
       const double unit = benchmark::GetTimeUnitMultiplier(run.time_unit);
       sum.real += run.GetAdjustedRealTime() / unit;
       sum.cpu += run.GetAdjustedCPUTime() / unit;
@@ -202,12 +206,16 @@ class RecordingReporter : public benchmark::ConsoleReporter {
 
   // Sums over repetitions; nothing when the benchmark did not run.
   const Sum* find(const std::string& name) const {
-    const auto found = seconds_.find(name);
-    return found == seconds_.end() ? nullptr : &found->second;
+    for (const auto* sums : {&seconds_, &means_}) {
+      const auto found = sums->find(name);
+      if (found != sums->end()) return &found->second;
+    }
+    return nullptr;
   }
 
  private:
   std::map<std::string, Sum> seconds_;
+  std::map<std::string, Sum> means_;
 };
 
 void printRatio(const RecordingReporter& reporter, const char* name, const char* reference) {
