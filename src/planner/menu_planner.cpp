@@ -1,18 +1,15 @@
 #include "planner/menu_planner.h"
 
-#include <unicode/bytestream.h>
-#include <unicode/casemap.h>
-#include <unicode/utf8.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
 
 #include "planner/display_order.h"
+#include "shared/paths.h"
+#include "shared/text.h"
 
 namespace palvin::FinderMenuPlanner {
 
@@ -45,55 +42,6 @@ std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats,
   items.reserve(formats.size());
   for (const Format* format : formats) items.push_back(TargetItem{format->id, format->displayName});
   return items;
-}
-
-void lowerAsciiInPlace(std::string& text) {
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-}
-
-bool isAscii(std::string_view text) {
-  return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-}
-
-bool isWellFormedUtf8(std::string_view text) {
-  const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-  const auto length = static_cast<int32_t>(text.size());
-  int32_t offset = 0;
-  while (offset < length) {
-    UChar32 c;
-    U8_NEXT(bytes, offset, length, c);
-    if (c < 0) return false;
-  }
-  return true;
-}
-
-// Locale-independent full lower-casing ("" is ICU's root locale), so that a
-// Turkish user's "PNG" still becomes "png".
-std::string lowerCased(std::string_view text) {
-  std::string lowered(text);
-  if (isAscii(text)) {
-    lowerAsciiInPlace(lowered);
-    return lowered;
-  }
-  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max()) ||
-      !isWellFormedUtf8(text)) {
-    // Bytes that are not text keep their value; only what is surely ASCII folds.
-    lowerAsciiInPlace(lowered);
-    return lowered;
-  }
-  std::string result;
-  result.reserve(text.size());
-  icu::StringByteSink<std::string> sink(&result);
-  UErrorCode status = U_ZERO_ERROR;
-  icu::CaseMap::utf8ToLower("", 0, icu::StringPiece(text.data(), static_cast<int32_t>(text.size())), sink,
-                            nullptr, status);
-  if (U_FAILURE(status)) {
-    lowerAsciiInPlace(lowered);
-    return lowered;
-  }
-  return result;
 }
 
 }  // namespace
@@ -219,16 +167,7 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
   return result;
 }
 
-std::string extensionForPath(std::string_view path) {
-  while (!path.empty() && path.back() == '/') path.remove_suffix(1);
-  const std::size_t slash = path.rfind('/');
-  const std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
-  // A leading dot marks a hidden file, not an extension (".profile" has none),
-  // as the platform's path extension treats it.
-  const std::size_t dot = name.rfind('.');
-  if (dot == std::string_view::npos || dot == 0) return {};
-  return lowerCased(name.substr(dot + 1));
-}
+std::string extensionForPath(std::string_view path) { return text::lowercase(paths::extension(path)); }
 
 FileInput fileInputForPath(std::string path) {
   std::string ext = extensionForPath(path);
