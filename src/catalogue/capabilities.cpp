@@ -575,19 +575,25 @@ bool Decoder::map(element e, const PathStep& at, std::unordered_map<std::string,
                   DecodeValue decodeValue) {
   simdjson::dom::object members;
   if (!object(e, at, members)) return false;
-  // The last occurrence of a repeated key wins, so earlier ones are neither decoded nor checked;
-  // the rest are decoded in document order, which decides which failure is reported.
-  std::unordered_map<std::string_view, std::size_t> last;
-  last.reserve(members.size());
+  // The last occurrence of a repeated key wins. Values are decoded in document order, which decides
+  // which failure is reported; a failing value that a later occurrence of its key replaces does not
+  // count. The index of last occurrences is built on the first failure only, so this stays linear.
+  std::optional<std::unordered_map<std::string_view, std::size_t>> last;
+  out.reserve(members.size());
   std::size_t index = 0;
-  for (auto field : members) last.insert_or_assign(field.key, index++);
-  out.reserve(last.size());
-  index = 0;
   for (auto field : members) {
-    if (last.find(field.key)->second != index++) continue;
+    const std::size_t current = index++;
     T value;
-    if (!decodeValue(field.value, at.key(field.key), value)) return false;
-    out.emplace(field.key, std::move(value));
+    if (decodeValue(field.value, at.key(field.key), value)) {
+      out.insert_or_assign(std::string(field.key), std::move(value));
+      continue;
+    }
+    if (!last) {
+      last.emplace();
+      std::size_t i = 0;
+      for (auto other : members) last->insert_or_assign(other.key, i++);
+    }
+    if (last->at(field.key) == current) return false;
   }
   return true;
 }
