@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <fstream>
 #include <limits>
-#include <ostream>
 #include <optional>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -17,7 +17,9 @@
 namespace palvin {
 
 // Failed comparisons show the document rather than the record's bytes.
-void PrintTo(const FinderCapabilities& capabilities, std::ostream* os) { *os << capabilities.encode(true); }
+void PrintTo(const FinderCapabilities& capabilities, std::ostream* os) {
+  *os << capabilities.encode(true);
+}
 
 namespace {
 
@@ -126,8 +128,10 @@ TEST(CapabilitiesDecode, AcceptedVariants) {
       {"extra top-level member", Doc().add("extra", R"({"x": [1, null]})").text(), baseRecord()},
       {"extra members in category and format",
        Doc()
-           .set("categories", R"([{"id": "image", "colour": 3, "label": "Images", "icon": "photo", "Id": "x"}])")
-           .set("formats", R"([{"id": "png", "displayName": "PNG", "category": "image", "primaryExtension": "png",
+           .set("categories",
+                R"([{"id": "image", "colour": 3, "label": "Images", "icon": "photo", "Id": "x"}])")
+           .set("formats",
+                R"([{"id": "png", "displayName": "PNG", "category": "image", "primaryExtension": "png",
                                "mime": "image/png"},
                               {"id": "jpeg", "displayName": "JPEG", "category": "image",
                                "primaryExtension": "jpg", "displayname": null}])")
@@ -146,14 +150,16 @@ TEST(CapabilitiesDecode, AcceptedVariants) {
        with([](auto& c) { c.convertMenuTitle = "Convert \u2192"; })},
       {"generatedAt not a date", Doc().set("generatedAt", R"("last Tuesday")").text(),
        with([](auto& c) { c.generatedAt = "last Tuesday"; })},
-      {"generatedAt empty", Doc().set("generatedAt", R"("")").text(), with([](auto& c) { c.generatedAt = ""; })},
+      {"generatedAt empty", Doc().set("generatedAt", R"("")").text(),
+       with([](auto& c) { c.generatedAt = ""; })},
       {"schemaVersion 2", Doc().set("schemaVersion", "2").text(), with([](auto& c) { c.schemaVersion = 2; })},
       {"schemaVersion negative", Doc().set("schemaVersion", "-7").text(),
        with([](auto& c) { c.schemaVersion = -7; })},
       {"schemaVersion 1.0", Doc().set("schemaVersion", "1.0").text(), baseRecord()},
       {"schemaVersion 1e0", Doc().set("schemaVersion", "1e0").text(), baseRecord()},
       {"schemaVersion 0.1e1", Doc().set("schemaVersion", "0.1e1").text(), baseRecord()},
-      {"schemaVersion -0.0", Doc().set("schemaVersion", "-0.0").text(), with([](auto& c) { c.schemaVersion = 0; })},
+      {"schemaVersion -0.0", Doc().set("schemaVersion", "-0.0").text(),
+       with([](auto& c) { c.schemaVersion = 0; })},
       {"schemaVersion int64 max", Doc().set("schemaVersion", "9223372036854775807").text(),
        with([&](auto& c) { c.schemaVersion = max; })},
       {"schemaVersion int64 min", Doc().set("schemaVersion", "-9223372036854775808").text(),
@@ -163,28 +169,44 @@ TEST(CapabilitiesDecode, AcceptedVariants) {
       {"schemaVersion largest double below 2^63", Doc().set("schemaVersion", "9.2233720368547748e18").text(),
        with([](auto& c) { c.schemaVersion = 9223372036854774784; })},
       {"empty arrays and objects",
-       Doc().set("categories", "[]").set("formats", "[ ]").set("extensionToFormatId", "{}").set("conversions", "{ }").text(),
+       Doc()
+           .set("categories", "[]")
+           .set("formats", "[ ]")
+           .set("extensionToFormatId", "{}")
+           .set("conversions", "{ }")
+           .text(),
        with([](auto& c) {
          c.categories.clear();
          c.formats.clear();
          c.extensionToFormatId.clear();
          c.conversions.clear();
        })},
-      {"empty target list", Doc().set("conversions", R"({"png": []})").text(),
-       with([](auto& c) { c.conversions = {{"png", {}}}; })},
+      {"empty target list", Doc().set("conversions", R"({"png": []})").text(), with([](auto& c) {
+         c.conversions = {{"png", {}}};
+       })},
       {"map keys kept as written",
-       Doc().set("extensionToFormatId", R"({"JPG": "jpeg", ".png": "png", "": "x", " tif ": "tiff", "\u00e9": "e"})").text(),
+       Doc()
+           .set("extensionToFormatId",
+                R"({"JPG": "jpeg", ".png": "png", "": "x", " tif ": "tiff", "\u00e9": "e"})")
+           .text(),
        with([](auto& c) {
-         c.extensionToFormatId = {{"JPG", "jpeg"}, {".png", "png"}, {"", "x"}, {" tif ", "tiff"}, {"\u00e9", "e"}};
+         c.extensionToFormatId = {
+             {"JPG", "jpeg"}, {".png", "png"}, {"", "x"}, {" tif ", "tiff"}, {"\u00e9", "e"}};
        })},
       {"dangling and duplicated identifiers are not checked",
-       Doc().set("formats", R"([{"id": "png", "displayName": "", "category": "nowhere", "primaryExtension": ""},
+       Doc()
+           .set("formats",
+                R"([{"id": "png", "displayName": "", "category": "nowhere", "primaryExtension": ""},
                                 {"id": "png", "displayName": "PNG", "category": "image", "primaryExtension": "png"}])")
            .text(),
-       with([](auto& c) { c.formats = {{"png", "", "nowhere", ""}, {"png", "PNG", "image", "png"}}; })},
+       with([](auto& c) {
+         c.formats = {{"png", "", "nowhere", ""}, {"png", "PNG", "image", "png"}};
+       })},
       {"escapes decoded",
        Doc().set("generatedAt", R"("tab\t quote\" slash\/ nul\u0000 pair\ud83d\ude00 bs\\")").text(),
-       with([](auto& c) { c.generatedAt = std::string("tab\t quote\" slash/ nul\0 pair\U0001F600 bs\\", 36); })},
+       with([](auto& c) {
+         c.generatedAt = std::string("tab\t quote\" slash/ nul\0 pair\U0001F600 bs\\", 36);
+       })},
       {"UTF-8 byte order mark skipped", "\xEF\xBB\xBF" + Doc().text(), baseRecord()},
   };
   for (const Case& c : cases) {
@@ -208,18 +230,25 @@ TEST(CapabilitiesDecode, DuplicateNamesLastWins) {
     return c;
   };
   const std::vector<Case> cases = {
-      {"top-level member", Doc().add("schemaVersion", "2").text(), with([](auto& c) { c.schemaVersion = 2; }), ""},
-      {"bad first occurrence ignored", Doc().set("schemaVersion", R"("one")").add("schemaVersion", "1").text(),
-       baseRecord(), ""},
+      {"top-level member", Doc().add("schemaVersion", "2").text(), with([](auto& c) { c.schemaVersion = 2; }),
+       ""},
+      {"bad first occurrence ignored",
+       Doc().set("schemaVersion", R"("one")").add("schemaVersion", "1").text(), baseRecord(), ""},
       {"bad last occurrence fails", Doc().add("schemaVersion", R"("one")").text(), std::nullopt,
        "schemaVersion: expected integer, found string"},
       {"title then null", Doc().add("convertMenuTitle", R"("Go")").add("convertMenuTitle", "null").text(),
        baseRecord(), ""},
       {"category field",
-       Doc().set("categories", R"([{"id": "image", "label": 5, "icon": "photo", "label": "Pictures"}])").text(),
+       Doc()
+           .set("categories", R"([{"id": "image", "label": 5, "icon": "photo", "label": "Pictures"}])")
+           .text(),
        with([](auto& c) { c.categories[0].label = "Pictures"; }), ""},
-      {"map key", Doc().set("extensionToFormatId", R"({"png": "png", "jpg": 1, "jpg": "jpeg", "png": "apng"})").text(),
-       with([](auto& c) { c.extensionToFormatId = {{"png", "apng"}, {"jpg", "jpeg"}}; }), ""},
+      {"map key",
+       Doc().set("extensionToFormatId", R"({"png": "png", "jpg": 1, "jpg": "jpeg", "png": "apng"})").text(),
+       with([](auto& c) {
+         c.extensionToFormatId = {{"png", "apng"}, {"jpg", "jpeg"}};
+       }),
+       ""},
       {"map key with bad last value", Doc().set("conversions", R"({"png": ["jpeg"], "png": [null]})").text(),
        std::nullopt, R"(conversions["png"][0]: expected string, found null)"},
   };
@@ -257,7 +286,8 @@ TEST(CapabilitiesDecode, FieldErrorsNameThePathAndTheProblem) {
        "schemaVersion: 9223372036854775808 is out of range for a signed 64-bit integer"},
       {Doc().set("schemaVersion", "18446744073709551615").text(),
        "schemaVersion: 18446744073709551615 is out of range for a signed 64-bit integer"},
-      {Doc().set("schemaVersion", "9.3e18").text(), "schemaVersion: 9.3e+18 is out of range for a signed 64-bit integer"},
+      {Doc().set("schemaVersion", "9.3e18").text(),
+       "schemaVersion: 9.3e+18 is out of range for a signed 64-bit integer"},
       {Doc().set("schemaVersion", "-1e300").text(),
        "schemaVersion: -1e+300 is out of range for a signed 64-bit integer"},
       {Doc().remove("generatedAt").text(), "generatedAt: missing"},
@@ -269,34 +299,45 @@ TEST(CapabilitiesDecode, FieldErrorsNameThePathAndTheProblem) {
       {Doc().set("categories", R"([{"id": "a", "label": "A", "icon": "x"}, "b"])").text(),
        "categories[1]: expected object, found string"},
       {Doc().set("categories", R"([{"id": "a", "icon": "x"}])").text(), "categories[0].label: missing"},
-      {Doc().set("categories", R"([{"id": "a", "label": "A", "icon": "x"}, {"id": "b", "label": "B", "icon": null}])").text(),
+      {Doc()
+           .set("categories",
+                R"([{"id": "a", "label": "A", "icon": "x"}, {"id": "b", "label": "B", "icon": null}])")
+           .text(),
        "categories[1].icon: expected string, found null"},
-      {Doc().set("categories", R"([{"ID": "a", "label": "A", "icon": "x"}])").text(), "categories[0].id: missing"},
+      {Doc().set("categories", R"([{"ID": "a", "label": "A", "icon": "x"}])").text(),
+       "categories[0].id: missing"},
       {Doc().set("formats", "null").text(), "formats: expected array, found null"},
-      {Doc().set("formats", R"([{"id": "a", "displayName": "A", "category": "c", "primaryExtension": "a"},
+      {Doc()
+           .set("formats", R"([{"id": "a", "displayName": "A", "category": "c", "primaryExtension": "a"},
                                 {"id": "b", "displayName": "B", "category": "c", "primaryExtension": "b"},
                                 {"id": "c", "displayName": "C", "category": "c", "primaryExtension": "c"},
                                 {"id": "d", "displayName": "D", "category": "c"}])")
            .text(),
        "formats[3].primaryExtension: missing"},
-      {Doc().set("formats", R"([{"id": "a", "displayName": false, "category": "c", "primaryExtension": "a"}])").text(),
+      {Doc()
+           .set("formats", R"([{"id": "a", "displayName": false, "category": "c", "primaryExtension": "a"}])")
+           .text(),
        "formats[0].displayName: expected string, found boolean"},
       {Doc().remove("extensionToFormatId").text(), "extensionToFormatId: missing"},
       {Doc().set("extensionToFormatId", "[]").text(), "extensionToFormatId: expected object, found array"},
       {Doc().set("extensionToFormatId", R"({"png": "png", "JPG": 1})").text(),
        R"(extensionToFormatId["JPG"]: expected string, found number)"},
       {Doc().set("extensionToFormatId", R"({"a\"b\\c\n\u0001/\u00e9": null})").text(),
-       R"(extensionToFormatId["a\"b\\c\n\u0001/)" "\u00e9" R"("]: expected string, found null)"},
+       R"(extensionToFormatId["a\"b\\c\n\u0001/)"
+       "\u00e9"
+       R"("]: expected string, found null)"},
       {Doc().set("extensionToFormatId", R"({"": {}})").text(),
        R"(extensionToFormatId[""]: expected string, found object)"},
       {Doc().remove("conversions").text(), "conversions: missing"},
       {Doc().set("conversions", R"("png")").text(), "conversions: expected object, found string"},
-      {Doc().set("conversions", R"({"png": "jpeg"})").text(), R"(conversions["png"]: expected array, found string)"},
+      {Doc().set("conversions", R"({"png": "jpeg"})").text(),
+       R"(conversions["png"]: expected array, found string)"},
       {Doc().set("conversions", R"({"png": ["jpeg", "webp", null]})").text(),
        R"(conversions["png"][2]: expected string, found null)"},
       {Doc().add("convertMenuTitle", "5").text(), "convertMenuTitle: expected string or null, found number"},
       {Doc().add("convertMenuTitle", "[]").text(), "convertMenuTitle: expected string or null, found array"},
-      {Doc().add("convertMenuTitle", "false").text(), "convertMenuTitle: expected string or null, found boolean"},
+      {Doc().add("convertMenuTitle", "false").text(),
+       "convertMenuTitle: expected string or null, found boolean"},
   };
   for (const Case& c : cases) EXPECT_EQ(errorOf(c.text), c.error) << c.text;
 }
@@ -317,7 +358,10 @@ TEST(CapabilitiesDecode, FirstFailureInDecodingOrderIsReported) {
            "schemaVersion": 1})",
        "generatedAt: expected string, found number"},
       {Doc().remove("generatedAt").set("categories", "7").text(), "generatedAt: missing"},
-      {Doc().set("categories", R"([{"id": "a", "label": "A", "icon": "x"}, {"id": "b"}])").set("formats", "[1]").text(),
+      {Doc()
+           .set("categories", R"([{"id": "a", "label": "A", "icon": "x"}, {"id": "b"}])")
+           .set("formats", "[1]")
+           .text(),
        "categories[1].label: missing"},
       {Doc().set("categories", R"([{"id": "a", "label": "A"}, {"label": "B", "icon": "y"}])").text(),
        "categories[0].icon: missing"},
@@ -329,7 +373,8 @@ TEST(CapabilitiesDecode, FirstFailureInDecodingOrderIsReported) {
        R"(extensionToFormatId["b"]: expected string, found number)"},
       {Doc().set("conversions", R"({"png": ["a", 1], "jpeg": [2]})").text(),
        R"(conversions["png"][1]: expected string, found number)"},
-      {Doc().set("conversions", "[]").add("convertMenuTitle", "1").text(), "conversions: expected object, found array"},
+      {Doc().set("conversions", "[]").add("convertMenuTitle", "1").text(),
+       "conversions: expected object, found array"},
       // A syntax error anywhere wins over every field error.
       {Doc().set("schemaVersion", R"("1")").text() + " x",
        "invalid JSON: expected end of input after the top-level value, found 'x' at line 9, column 3"},
@@ -352,14 +397,17 @@ TEST(CapabilitiesDecode, SyntaxErrorsSayWhatAndWhere) {
       {R"({"schemaVersion": 1, "generatedAt": "2026)", "invalid JSON: unclosed string at line 1, column 37"},
       {R"({"schemaVersion": 1, "categories": [)",
        "invalid JSON: expected a value, found end of input at line 1, column 37"},
-      {R"({"schemaVersion": 1)", "invalid JSON: expected ',' or '}', found end of input at line 1, column 20"},
+      {R"({"schemaVersion": 1)",
+       "invalid JSON: expected ',' or '}', found end of input at line 1, column 20"},
       {R"({"a": [1, 2,]})", "invalid JSON: expected a value, found ']' at line 1, column 13"},
       {R"({"a": [1 2]})", "invalid JSON: expected ',' or ']', found '2' at line 1, column 10"},
       {"{\n  \"schemaVersion\": 1,\n  \"generatedAt\": \"x\"\n  \"categories\": []\n}",
        "invalid JSON: expected ',' or '}', found '\"' at line 4, column 3"},
       {"{\r\n  x", "invalid JSON: expected a member name in double quotes, found 'x' at line 2, column 3"},
-      {R"({'a': 1})", "invalid JSON: expected a member name in double quotes, found \"'\" at line 1, column 2"},
-      {R"({"a": 1,})", "invalid JSON: expected a member name in double quotes, found '}' at line 1, column 9"},
+      {R"({'a': 1})",
+       "invalid JSON: expected a member name in double quotes, found \"'\" at line 1, column 2"},
+      {R"({"a": 1,})",
+       "invalid JSON: expected a member name in double quotes, found '}' at line 1, column 9"},
       {R"({"a" 1})", "invalid JSON: expected ':' after the member name, found '1' at line 1, column 6"},
       {R"({"a": tru})", "invalid JSON: invalid literal 'tru' at line 1, column 7"},
       {R"({"a": True})", "invalid JSON: invalid literal 'True' at line 1, column 7"},
@@ -378,11 +426,15 @@ TEST(CapabilitiesDecode, SyntaxErrorsSayWhatAndWhere) {
       {"{\"a\": \"x\xFFy\"}", "invalid JSON: invalid UTF-8 in string at line 1, column 9"},
       {"{\"a\": \"x\xED\xA0\x80y\"}", "invalid JSON: invalid UTF-8 in string at line 1, column 9"},
       {"{\"a\": \xC3\xA9}", "invalid JSON: expected a value, found U+00E9 at line 1, column 7"},
-      {std::string("{\0}", 3), "invalid JSON: expected a member name in double quotes, found U+0000 at line 1, column 2"},
-      {R"({} x)", "invalid JSON: expected end of input after the top-level value, found 'x' at line 1, column 4"},
-      {R"({}})", "invalid JSON: expected end of input after the top-level value, found '}' at line 1, column 3"},
+      {std::string("{\0}", 3),
+       "invalid JSON: expected a member name in double quotes, found U+0000 at line 1, column 2"},
+      {R"({} x)",
+       "invalid JSON: expected end of input after the top-level value, found 'x' at line 1, column 4"},
+      {R"({}})",
+       "invalid JSON: expected end of input after the top-level value, found '}' at line 1, column 3"},
       {"{\n\"a\": \"abc", "invalid JSON: unclosed string at line 2, column 6"},
-      {"\xEF\xBB\xBF{x}", "invalid JSON: expected a member name in double quotes, found 'x' at line 1, column 5"},
+      {"\xEF\xBB\xBF{x}",
+       "invalid JSON: expected a member name in double quotes, found 'x' at line 1, column 5"},
       {deep, "invalid JSON: nesting deeper than 1024 levels at line 1, column 1029"},
       {std::string(100000, '['), "invalid JSON: nesting deeper than 1024 levels at line 1, column 1025"},
       {deepestAllowed, "schemaVersion: missing"},
@@ -416,7 +468,8 @@ TEST(CapabilitiesDecode, HostileInputsFailCleanly) {
   std::string nestedObjects;
   for (int i = 0; i < 100000; ++i) nestedObjects += R"({"a":)";
   EXPECT_EQ(errorOf(nestedObjects), "invalid JSON: nesting deeper than 1024 levels at line 1, column 5121");
-  EXPECT_EQ(errorOf("{\"a\": \"" + std::string(4000000, 'x')), "invalid JSON: unclosed string at line 1, column 7");
+  EXPECT_EQ(errorOf("{\"a\": \"" + std::string(4000000, 'x')),
+            "invalid JSON: unclosed string at line 1, column 7");
   EXPECT_EQ(errorOf(std::string(2000000, '\n') + "#"),
             "invalid JSON: expected a value, found '#' at line 2000001, column 1");
 
@@ -446,7 +499,8 @@ TEST(CapabilitiesDecode, DecodesFromSeveralThreadsAtOnce) {
       for (int i = 0; i < 200; ++i) {
         auto ok = FinderCapabilities::decode(good);
         auto notOk = FinderCapabilities::decode(bad);
-        if (!ok || !(*ok == baseRecord()) || notOk || notOk.error() != "formats[0].id: missing") ++failures[t];
+        if (!ok || !(*ok == baseRecord()) || notOk || notOk.error() != "formats[0].id: missing")
+          ++failures[t];
       }
     });
   }
@@ -460,7 +514,8 @@ FinderCapabilities oddRecord() {
   std::string controls;
   for (char ch = 0; ch < 0x20; ++ch) controls += ch;
   c.generatedAt = controls + "\x7F";
-  c.categories = {{"", "\"quoted\" \\ back\\slash", "doc.text"}, {"a/b", "caf\u00e9 \U0001F600", "\u2028\u2029"}};
+  c.categories = {{"", "\"quoted\" \\ back\\slash", "doc.text"},
+                  {"a/b", "caf\u00e9 \U0001F600", "\u2028\u2029"}};
   c.formats = {{"id", "", "", ""}, {"\t", "\"", "\\", "</script>"}};
   c.extensionToFormatId = {{"", ""}, {"JPG", "jpeg"}, {".png", "png"}, {"\"\\\n", "\u00e9"}};
   c.conversions = {{"png", {"", "a\"b", "\U0010FFFF"}}, {"\\", {}}, {"", {""}}};
@@ -490,11 +545,14 @@ TEST(CapabilitiesEncode, CompactFormInFieldOrderWithSortedKeys) {
   c.formats = {{"png", "PNG", "image", "png"}};
   c.extensionToFormatId = {{"png", "png"}, {"JPG", "jpeg"}, {"\u00e9", "e"}, {"a", "x"}};
   c.conversions = {{"png", {"jpeg", "png"}}, {"jpeg", {}}};
-  EXPECT_EQ(c.encode(false),
-            R"({"schemaVersion":1,"generatedAt":"now","categories":[{"id":"image","label":"Images","icon":"photo"}],)"
-            R"("formats":[{"id":"png","displayName":"PNG","category":"image","primaryExtension":"png"}],)"
-            R"("extensionToFormatId":{"JPG":"jpeg","a":"x","png":"png",")" "\u00e9" R"(":"e"},)"
-            R"("conversions":{"jpeg":[],"png":["jpeg","png"]}})");
+  EXPECT_EQ(
+      c.encode(false),
+      R"({"schemaVersion":1,"generatedAt":"now","categories":[{"id":"image","label":"Images","icon":"photo"}],)"
+      R"("formats":[{"id":"png","displayName":"PNG","category":"image","primaryExtension":"png"}],)"
+      R"("extensionToFormatId":{"JPG":"jpeg","a":"x","png":"png",")"
+      "\u00e9"
+      R"(":"e"},)"
+      R"("conversions":{"jpeg":[],"png":["jpeg","png"]}})");
   c.convertMenuTitle = "a/b";
   const std::string withTitle = c.encode(false);
   EXPECT_EQ(withTitle.substr(withTitle.size() - 26), R"(,"convertMenuTitle":"a/b"})");
@@ -548,7 +606,9 @@ TEST(CapabilitiesEncode, InvalidUtf8BecomesReplacementCharacters) {
     std::string decoded;
   };
   const std::vector<Case> cases = {
-      {"a\xFF" "b", "a" + fffd + "b"},
+      {"a\xFF"
+       "b",
+       "a" + fffd + "b"},
       {"\xC3", fffd},
       {"\xC3\xA9\xC3", "\xC3\xA9" + fffd},
       {"\xED\xA0\x80", fffd + fffd + fffd},
@@ -562,7 +622,8 @@ TEST(CapabilitiesEncode, InvalidUtf8BecomesReplacementCharacters) {
     auto decoded = FinderCapabilities::decode(record.encode());
     ASSERT_TRUE(decoded) << decoded.error();
     EXPECT_EQ(decoded->generatedAt, c.decoded);
-    EXPECT_EQ(decoded->extensionToFormatId, (std::unordered_map<std::string, std::string>{{c.decoded, c.decoded}}));
+    EXPECT_EQ(decoded->extensionToFormatId,
+              (std::unordered_map<std::string, std::string>{{c.decoded, c.decoded}}));
   }
 }
 

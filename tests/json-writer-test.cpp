@@ -1,9 +1,9 @@
-#include "shared/json_writer.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+#include "shared/json_writer.h"
 
 namespace palvin::json {
 namespace {
@@ -42,7 +42,9 @@ TEST(IsValidUtf8, BoundariesOfEachSequenceLength) {
       {"\xE2\x82", false, "three-byte sequence cut short"},
       {"\xF0\x9F\x98", false, "four-byte sequence cut short"},
       {"a\xC3", false, "cut short at the end of a longer text"},
-      {"\xC3" "a", false, "continuation replaced by ASCII"},
+      {"\xC3"
+       "a",
+       false, "continuation replaced by ASCII"},
       {"\xE2\x28\xA1", false, "bad second byte"},
       {"\xE2\x82\x28", false, "bad third byte"},
       {"\xF0\x9F\x98\x28", false, "bad fourth byte"},

@@ -171,7 +171,8 @@ std::optional<SyntaxError> SyntaxScanner::firstError() {
           afterValue();
           break;
         }
-        if (atEnd() || c != '"') return fail("expected a member name in double quotes, found " + found(), pos_);
+        if (atEnd() || c != '"')
+          return fail("expected a member name in double quotes, found " + found(), pos_);
         if (auto error = string()) return error;
         expect = Expect::Colon;
         break;
@@ -229,7 +230,14 @@ std::optional<SyntaxError> SyntaxScanner::string() {
       const std::size_t escape = pos_++;
       if (atEnd()) break;
       switch (peek()) {
-        case '"': case '\\': case '/': case 'b': case 'f': case 'n': case 'r': case 't':
+        case '"':
+        case '\\':
+        case '/':
+        case 'b':
+        case 'f':
+        case 'n':
+        case 'r':
+        case 't':
           ++pos_;
           break;
         case 'u': {
@@ -248,7 +256,8 @@ std::optional<SyntaxError> SyntaxScanner::string() {
         }
         default: {
           const unsigned char e = peek();
-          if (e > 0x20 && e < 0x7F) return fail(std::string("invalid escape sequence '\\") + char(e) + "'", escape);
+          if (e > 0x20 && e < 0x7F)
+            return fail(std::string("invalid escape sequence '\\") + char(e) + "'", escape);
           return fail("invalid escape sequence: backslash before " + found(), escape);
         }
       }
@@ -327,12 +336,13 @@ std::optional<SyntaxError> SyntaxScanner::number() {
       std::string_view e = token.substr(mantissaEnd + 1);
       if (!e.empty() && e[0] == '+') e.remove_prefix(1);
       if (std::from_chars(e.data(), e.data() + e.size(), exponent).ec != std::errc()) {
-        exponent = e[0] == '-' ? std::numeric_limits<long long>::min() / 2 : std::numeric_limits<long long>::max() / 2;
+        exponent = e[0] == '-' ? std::numeric_limits<long long>::min() / 2
+                               : std::numeric_limits<long long>::max() / 2;
       }
     }
     if (firstSignificant != std::string_view::npos) {
       long long position = firstSignificant < point ? static_cast<long long>(point - firstSignificant) - 1
-                                                     : -static_cast<long long>(firstSignificant - point);
+                                                    : -static_cast<long long>(firstSignificant - point);
       if (exponent + position > 0) return fail("number out of range", start);
     }
   }
@@ -364,26 +374,39 @@ std::string describeLocation(std::string_view text, std::size_t offset) {
 // The kind of error from simdjson's code, used when the scanner cannot place it.
 std::string_view parseErrorKind(simdjson::error_code code) {
   switch (code) {
-    case simdjson::EMPTY: return "empty document";
-    case simdjson::CAPACITY: return "document too large";
-    case simdjson::MEMALLOC: return "out of memory";
-    case simdjson::DEPTH_ERROR: return "nesting too deep";
-    case simdjson::STRING_ERROR: return "invalid string";
-    case simdjson::UNCLOSED_STRING: return "unclosed string";
-    case simdjson::UNESCAPED_CHARS: return "unescaped control character in string";
+    case simdjson::EMPTY:
+      return "empty document";
+    case simdjson::CAPACITY:
+      return "document too large";
+    case simdjson::MEMALLOC:
+      return "out of memory";
+    case simdjson::DEPTH_ERROR:
+      return "nesting too deep";
+    case simdjson::STRING_ERROR:
+      return "invalid string";
+    case simdjson::UNCLOSED_STRING:
+      return "unclosed string";
+    case simdjson::UNESCAPED_CHARS:
+      return "unescaped control character in string";
     case simdjson::T_ATOM_ERROR:
     case simdjson::F_ATOM_ERROR:
-    case simdjson::N_ATOM_ERROR: return "invalid literal";
-    case simdjson::NUMBER_ERROR: return "invalid number";
-    case simdjson::UTF8_ERROR: return "invalid UTF-8";
-    case simdjson::INCOMPLETE_ARRAY_OR_OBJECT: return "unexpected end of input";
-    case simdjson::TRAILING_CONTENT: return "content after the top-level value";
-    default: return "malformed document";
+    case simdjson::N_ATOM_ERROR:
+      return "invalid literal";
+    case simdjson::NUMBER_ERROR:
+      return "invalid number";
+    case simdjson::UTF8_ERROR:
+      return "invalid UTF-8";
+    case simdjson::INCOMPLETE_ARRAY_OR_OBJECT:
+      return "unexpected end of input";
+    case simdjson::TRAILING_CONTENT:
+      return "content after the top-level value";
+    default:
+      return "malformed document";
   }
 }
 
 std::string describeSyntaxError(std::string_view text, std::size_t start, std::size_t maxDepth,
-                                 simdjson::error_code code) {
+                                simdjson::error_code code) {
   std::string description = "invalid JSON: ";
   if (auto error = SyntaxScanner(text, start, maxDepth).firstError()) {
     description += error->what;
@@ -441,14 +464,20 @@ struct PathStep {
 
 std::string_view typeName(element_type type) {
   switch (type) {
-    case element_type::ARRAY: return "array";
-    case element_type::OBJECT: return "object";
+    case element_type::ARRAY:
+      return "array";
+    case element_type::OBJECT:
+      return "object";
     case element_type::INT64:
     case element_type::UINT64:
-    case element_type::DOUBLE: return "number";
-    case element_type::STRING: return "string";
-    case element_type::BOOL: return "boolean";
-    case element_type::NULL_VALUE: return "null";
+    case element_type::DOUBLE:
+      return "number";
+    case element_type::STRING:
+      return "string";
+    case element_type::BOOL:
+      return "boolean";
+    case element_type::NULL_VALUE:
+      return "null";
   }
   return "value";
 }
@@ -538,8 +567,8 @@ bool Decoder::integer(element e, const PathStep& at, std::int64_t& out) {
       return true;
     case element_type::UINT64:
       // simdjson uses this type only for integers above the signed range.
-      return fail(at, std::to_string(e.get_uint64().value_unsafe()) +
-                          " is out of range for a signed 64-bit integer");
+      return fail(
+          at, std::to_string(e.get_uint64().value_unsafe()) + " is out of range for a signed 64-bit integer");
     case element_type::DOUBLE: {
       // A number written with a fraction or exponent counts when its value is a whole number
       // (1.0, 1e0), as Foundation reads it.
@@ -614,19 +643,21 @@ bool Decoder::category(element e, const PathStep& at, FinderCapabilities::Catego
 }
 
 bool Decoder::format(element e, const PathStep& at, FinderCapabilities::Format& out) {
-  static constexpr std::array<std::string_view, 4> kNames{"id", "displayName", "category", "primaryExtension"};
+  static constexpr std::array<std::string_view, 4> kNames{"id", "displayName", "category",
+                                                          "primaryExtension"};
   simdjson::dom::object fields;
   if (!object(e, at, fields)) return false;
   const Members<4> m(fields, kNames);
-  return requiredString(m, 0, kNames[0], at, out.id) && requiredString(m, 1, kNames[1], at, out.displayName) &&
+  return requiredString(m, 0, kNames[0], at, out.id) &&
+         requiredString(m, 1, kNames[1], at, out.displayName) &&
          requiredString(m, 2, kNames[2], at, out.category) &&
          requiredString(m, 3, kNames[3], at, out.primaryExtension);
 }
 
 bool Decoder::document(element root, FinderCapabilities& out) {
   static constexpr std::array<std::string_view, 7> kNames{
-      "schemaVersion", "generatedAt", "categories", "formats", "extensionToFormatId", "conversions",
-      "convertMenuTitle"};
+      "schemaVersion",       "generatedAt", "categories",      "formats",
+      "extensionToFormatId", "conversions", "convertMenuTitle"};
   const PathStep rootStep;
   simdjson::dom::object fields;
   if (!object(root, rootStep, fields)) return false;
@@ -644,10 +675,10 @@ bool Decoder::document(element root, FinderCapabilities& out) {
       required(1, [&](element e, const PathStep& s) { return string(e, s, out.generatedAt); }) &&
       required(2,
                [&](element e, const PathStep& s) {
-                 return list(e, s, out.categories, [this](element item, const PathStep& step,
-                                                          FinderCapabilities::Category& value) {
-                   return category(item, step, value);
-                 });
+                 return list(e, s, out.categories,
+                             [this](element item, const PathStep& step, FinderCapabilities::Category& value) {
+                               return category(item, step, value);
+                             });
                }) &&
       required(3,
                [&](element e, const PathStep& s) {
