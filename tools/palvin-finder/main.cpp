@@ -63,6 +63,7 @@ int main(int argc, char** argv) {
   palvin::tool::registerCheckCommand(registry);
   palvin::tool::registerMenuCommand(registry);
   palvin::tool::registerExplainCommand(registry);
+  palvin::tool::registerDemoCommand(registry);
 
   try {
     app.parse(argc, argv);
