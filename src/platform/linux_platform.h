@@ -3,13 +3,15 @@
 // entry point, since Linux has no Finder to ask.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "platform/linux_mount_table.h"
 #include "platform/platform.h"
+#include "platform/strings_file.h"
 
 namespace palvin {
 
@@ -63,10 +65,22 @@ class LinuxPlatform : public Platform {
   std::string localizedString(std::string_view key) override;
 
  private:
+  bool systemLogListens();
+  void loadStrings();
+
   Options options_;
   mutable std::mutex mutex_;
   std::vector<std::string> selection_;
   std::vector<std::string> monitored_;
+
+  std::once_flag systemLogOnce_;
+  bool systemLogListens_ = false;
+
+  std::once_flag stringsOnce_;
+  strings_file::Table strings_;
+
+  std::mutex watcherMutex_;
+  std::unique_ptr<mount_table::Watcher> watcher_;
 };
 
 }  // namespace palvin
