@@ -23,13 +23,13 @@ class LinuxPlatform : public Platform {
   struct Options {
     // The shared container; default $XDG_DATA_HOME/<app group identifier>,
     // or $HOME/.local/share/<app group identifier>.
-    std::optional<std::string> container;
+    std::optional<std::string> container{};
     // The extension's bundle; default the directory of the running executable.
-    std::optional<std::string> bundlePath;
+    std::optional<std::string> bundlePath{};
     // What "AppleInterfaceStyle" reads as ("Dark" for a dark appearance).
-    std::optional<std::string> appearance;
+    std::optional<std::string> appearance{};
     // Directory holding <lang>.lproj/Localizable.strings; none: English keys.
-    std::optional<std::string> stringsDirectory;
+    std::optional<std::string> stringsDirectory{};
   };
 
   LinuxPlatform();

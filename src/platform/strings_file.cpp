@@ -136,10 +136,10 @@ class Parser {
   Result<std::string> quoted() {
     std::size_t opening = at_++;
     std::string out;
-    std::optional<char32_t> pendingHigh;  // a \U escape's high surrogate
+    char32_t pendingHigh = 0;  // a \U escape's high surrogate, waiting for its low half
     auto flushHigh = [&] {
-      if (pendingHigh) appendUtf8(out, 0xFFFD);
-      pendingHigh.reset();
+      if (pendingHigh != 0) appendUtf8(out, 0xFFFD);
+      pendingHigh = 0;
     };
     while (at_ < text_.size()) {
       char c = text_[at_++];
@@ -161,9 +161,9 @@ class Parser {
           unit = unit * 16 + static_cast<char32_t>(hexValue(text_[at_++]));
         }
         if (digits == 0) return failure("expected hex digits after \\U");
-        if (isLowSurrogate(unit) && pendingHigh) {
-          appendUtf8(out, 0x10000 + ((*pendingHigh - 0xD800) << 10) + (unit - 0xDC00));
-          pendingHigh.reset();
+        if (isLowSurrogate(unit) && pendingHigh != 0) {
+          appendUtf8(out, 0x10000 + ((pendingHigh - 0xD800) << 10) + (unit - 0xDC00));
+          pendingHigh = 0;
           continue;
         }
         flushHigh();
