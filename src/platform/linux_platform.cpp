@@ -219,7 +219,8 @@ std::string LinuxPlatform::bundlePath() {
 // "AppRun" at its top. It is started afresh each time; a host app that must
 // run once forwards to its running instance itself. The completion runs on
 // the caller's thread as soon as posix_spawn has answered, and a detached
-// thread reaps the child so that no zombie stays behind.
+// thread reaps the child so that no zombie stays behind. Recent items have
+// no counterpart here; that setting is ignored.
 void LinuxPlatform::openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
                                     LaunchCompletion completion) {
   std::string program = paths::join(bundlePath, "AppRun");
