@@ -113,6 +113,19 @@ auto withWatchdog(F work) {
   return result.get();
 }
 
+// A table row: what an operation on `path` must answer.
+struct PathError {
+  std::string path;
+  std::string error;
+};
+
+void makeSparseFile(const std::string& path, std::uint64_t size) {
+  int fd = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::ftruncate(fd, static_cast<off_t>(size)), 0);
+  ::close(fd);
+}
+
 // Polls until `ready` holds; false after a generous deadline.
 template <class F>
 bool eventually(F ready) {
@@ -161,13 +174,8 @@ TEST(LinuxFiles, ReadFileRefusesWhatCouldBlockOrExhaustMemory) {
   ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
   ASSERT_EQ(::symlink("/dev/zero", (dir / "zero").c_str()), 0);
   ASSERT_EQ(::mkdir((dir / "directory").c_str(), 0700), 0);
-  int sparse = ::open((dir / "huge").c_str(), O_CREAT | O_WRONLY, 0600);
-  ASSERT_EQ(::ftruncate(sparse, LinuxPlatform::kMaxReadSize + (1 << 20)), 0);
-  ::close(sparse);
-  struct Case {
-    std::string path;
-    std::string error;
-  } cases[] = {
+  makeSparseFile(dir / "huge", LinuxPlatform::kMaxReadSize + (1 << 20));
+  PathError cases[] = {
       {dir / "fifo", dir / "fifo" + ": is a FIFO, not a regular file"},
       {dir / "zero", dir / "zero" + ": is a character device, not a regular file"},
       {"/dev/null", "/dev/null: is a character device, not a regular file"},
@@ -185,9 +193,7 @@ TEST(LinuxFiles, ReadFileRefusesWhatCouldBlockOrExhaustMemory) {
 
 TEST(LinuxFiles, ReadFileTakesAFileOfExactlyTheLimit) {
   TempDir dir;
-  int fd = ::open((dir / "limit").c_str(), O_CREAT | O_WRONLY, 0600);
-  ASSERT_EQ(::ftruncate(fd, LinuxPlatform::kMaxReadSize), 0);
-  ::close(fd);
+  makeSparseFile(dir / "limit", LinuxPlatform::kMaxReadSize);
   LinuxPlatform platform;
   auto content = platform.readFile(dir / "limit");
   ASSERT_TRUE(content.ok()) << content.error();
@@ -210,10 +216,7 @@ TEST(LinuxFiles, FailedAtomicWriteReportsAndLeavesNothingBehind) {
   TempDir dir;
   writeText(dir / "plain", "x");
   ASSERT_EQ(::mkdir((dir / "taken").c_str(), 0700), 0);
-  struct Case {
-    std::string path;
-    std::string error;
-  } cases[] = {
+  PathError cases[] = {
       {dir / "plain/request.json", dir / "plain/request.json" + ": Not a directory"},
       {dir / "taken", dir / "taken" + ": Is a directory"},
       {dir / "absent/request.json", dir / "absent/request.json" + ": No such file or directory"},
@@ -297,10 +300,7 @@ TEST(LinuxFiles, OpenForWritingCreatesNothingAndRefusesSpecialFiles) {
   TempDir dir;
   ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
   LinuxPlatform platform;
-  struct Case {
-    std::string path;
-    std::string error;
-  } cases[] = {
+  PathError cases[] = {
       {dir / "missing.log", dir / "missing.log" + ": No such file or directory"},
       {dir / "fifo", dir / "fifo" + ": No such device or address"},  // no reader: refused, not waited for
       {"/dev/null", "/dev/null: is a character device, not a regular file"},
