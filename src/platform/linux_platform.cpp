@@ -184,8 +184,8 @@ Result<std::unique_ptr<WritableFile>> LinuxPlatform::openForWriting(const std::s
 // Linux has no notify center. A host app that wants the notification makes
 // the FIFO "<container>/notify/<name>" and keeps it open for reading; each
 // notification then writes the name and a line feed into it. With no reader
-// the open fails at once (ENXIO) and nothing happens, and a reader that
-// doesn't drain the FIFO only loses wake-ups it has not yet taken.
+// the open fails at once (ENXIO) and nothing happens; while a slow reader's
+// FIFO is full, further notifications are dropped, as wake-ups already wait.
 void LinuxPlatform::postNotification(std::string_view name) {
   if (name.empty() || name == "." || name == ".." || name.find('/') != std::string_view::npos) return;
   std::string line = std::string(name) + "\n";
