@@ -33,7 +33,8 @@ std::string_view lastComponent(std::string_view path) {
 std::string_view extension(std::string_view path) {
   std::string_view name = lastComponent(path);
   auto dot = name.rfind('.');
-  return dot == std::string_view::npos ? std::string_view{} : name.substr(dot + 1);
+  // A leading dot marks a hidden file, not an extension: ".profile" has none.
+  return dot == std::string_view::npos || dot == 0 ? std::string_view{} : name.substr(dot + 1);
 }
 
 }  // namespace palvin::paths

@@ -17,7 +17,8 @@ std::string parent(std::string_view path);
 // The last component, trailing slashes ignored ("/a/b.app/" -> "b.app").
 std::string_view lastComponent(std::string_view path);
 
-// The text after the last dot of the last component, empty when none.
+// The text after the last dot of the last component, empty when there is
+// none or the only dot starts the name (".profile").
 std::string_view extension(std::string_view path);
 
 }  // namespace palvin::paths
