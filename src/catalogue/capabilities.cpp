@@ -36,23 +36,10 @@ std::size_t validUtf8Length(std::string_view rest) {
   return 0;
 }
 
-// Like json::appendString, but a string that is not UTF-8 is written with each byte that is not
-// part of a well-formed sequence replaced by U+FFFD, so that encoding always yields valid JSON.
+// Strings that are not UTF-8 are written with each offending byte replaced by
+// U+FFFD, so that encoding always yields valid JSON.
 void appendStringLossy(std::string& out, std::string_view s) {
-  if (json::appendString(out, s)) return;
-  std::string repaired;
-  repaired.reserve(s.size() + 8);
-  while (!s.empty()) {
-    std::size_t len = validUtf8Length(s);
-    if (len == 0) {
-      repaired += "\xEF\xBF\xBD";
-      len = 1;
-    } else {
-      repaired.append(s.substr(0, len));
-    }
-    s.remove_prefix(len);
-  }
-  json::appendString(out, repaired);
+  if (!json::appendString(out, s)) json::appendString(out, json::toValidUtf8(s));
 }
 
 std::string formatDouble(double d) {

@@ -62,6 +62,8 @@ int main(int argc, char** argv) {
   palvin::tool::registerPlanCommand(registry);
   palvin::tool::registerCheckCommand(registry);
   palvin::tool::registerMenuCommand(registry);
+  palvin::tool::registerExplainCommand(registry);
+  palvin::tool::registerDemoCommand(registry);
 
   try {
     app.parse(argc, argv);

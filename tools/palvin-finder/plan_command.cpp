@@ -63,6 +63,8 @@ void printTargets(std::ostream& out, const Style& style, const std::vector<Finde
   }
 }
 
+}  // namespace
+
 void printPlan(std::ostream& out, const std::optional<FinderMenuPlanner::Plan>& plan, std::size_t fileCount) {
   Style style = styleForStdout();
   if (!plan) {
@@ -86,8 +88,6 @@ void printPlan(std::ostream& out, const std::optional<FinderMenuPlanner::Plan>& 
     printTargets(out, style, group.targets, "    ");
   }
 }
-
-}  // namespace
 
 void registerPlanCommand(Registry registry) {
   struct Options {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "catalogue/capabilities.h"
+#include "planner/menu_planner.h"
 #include "shared/result.h"
 
 namespace palvin::tool {
@@ -26,6 +27,11 @@ struct Registry {
 void registerPlanCommand(Registry registry);
 void registerCheckCommand(Registry registry);
 void registerMenuCommand(Registry registry);
+void registerExplainCommand(Registry registry);
+void registerDemoCommand(Registry registry);
+
+// The plan as a readable tree (plan and explain share it).
+void printPlan(std::ostream& out, const std::optional<FinderMenuPlanner::Plan>& plan, std::size_t fileCount);
 
 // Reads and decodes a capabilities document, refusing FIFOs, devices and
 // oversized files like the extension does. The error is the description the
