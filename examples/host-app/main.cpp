@@ -107,7 +107,9 @@ class HostApp {
 void HostApp::log(Level level, const std::string& message) {
   std::string line = FinderLog::formatLine(platform_.now(), level, message);
   std::string error;
-  if (!appendLine(paths::join(container_, kLogName), line, &error)) std::cerr << line << "(" << error << ")\n";
+  if (!appendLine(paths::join(container_, kLogName), line, &error)) {
+    std::cerr << line << "(" << error << ")\n";
+  }
 }
 
 // Sorted, so that one instance handles requests in a stable order; a host
@@ -135,22 +137,27 @@ bool HostApp::claim(const std::string& name) {
 void HostApp::handle(const std::string& name) {
   const std::string claimed = paths::join(processing_, name);
   auto bytes = platform_.readFile(claimed);
-  Result<FinderConversionRequest> request = bytes.ok() ? FinderConversionRequest::decode(*bytes) : Error{bytes.error()};
+  Result<FinderConversionRequest> request =
+      bytes.ok() ? FinderConversionRequest::decode(*bytes) : Error{bytes.error()};
   // The target becomes part of a file name, so it must not lead elsewhere.
-  if (request.ok() && (request->targetFormatId.empty() ||
-                       request->targetFormatId.find_first_of(std::string_view("/\0", 2)) != std::string::npos)) {
+  if (request.ok() &&
+      (request->targetFormatId.empty() ||
+       request->targetFormatId.find_first_of(std::string_view("/\0", 2)) != std::string::npos)) {
     request = Error{"targetFormatId: not a plain name"};
   }
   if (!request.ok()) {
     log(Level::error, "Rejected request " + name + ": " + request.error());
     auto created = platform_.createDirectories(failed_);
     if (!created.ok() || ::rename(claimed.c_str(), paths::join(failed_, name).c_str()) != 0) {
-      log(Level::error, "Cannot move aside " + (created.ok() ? linux_files::describe(claimed, errno) : created.error()));
+      log(Level::error,
+          "Cannot move aside " + (created.ok() ? linux_files::describe(claimed, errno) : created.error()));
     }
     return;
   }
   convert(*request, name);
-  if (::unlink(claimed.c_str()) != 0) log(Level::error, "Cannot remove " + linux_files::describe(claimed, errno));
+  if (::unlink(claimed.c_str()) != 0) {
+    log(Level::error, "Cannot remove " + linux_files::describe(claimed, errno));
+  }
 }
 
 // Stands in for the conversion: a note "<file>.<target>.txt" beside each
@@ -158,10 +165,10 @@ void HostApp::handle(const std::string& name) {
 // twice would show two lines. One file that fails does not stop the others.
 void HostApp::convert(const FinderConversionRequest& request, const std::string& name) {
   for (const auto& file : request.files) {
-    std::string result = paths::join(paths::parent(file.path),
-                                     std::string(paths::lastComponent(file.path)) + "." + request.targetFormatId + ".txt");
-    std::string line = "Converted " + file.path + " (" + file.sourceFormatId + ") to " + request.targetFormatId +
-                       " for request " + name + "\n";
+    std::string result = paths::join(paths::parent(file.path), std::string(paths::lastComponent(file.path)) +
+                                                                   "." + request.targetFormatId + ".txt");
+    std::string line = "Converted " + file.path + " (" + file.sourceFormatId + ") to " +
+                       request.targetFormatId + " for request " + name + "\n";
     std::string error;
     if (!appendLine(result, line, &error)) log(Level::error, "Cannot write result: " + error);
   }
@@ -195,7 +202,8 @@ void HostApp::installCapabilities() {
   auto theirs = platform_.modificationDate(installed);
   if (theirs.ok() && !isOlder(*theirs, *ours)) return;
   auto bytes = platform_.readFile(bundled);
-  Status written = bytes.ok() ? platform_.writeFileAtomically(installed, *bytes) : Status(Error{bytes.error()});
+  Status written =
+      bytes.ok() ? platform_.writeFileAtomically(installed, *bytes) : Status(Error{bytes.error()});
   if (written.ok()) {
     log(Level::info, "Installed " + installed);
   } else {
@@ -239,7 +247,8 @@ int main(int argc, char** argv) {
   host::HostApp app(platform, *container);
   // "--activate" asks the app to come to the front: a terminal program shows
   // what it is about to work on.
-  if (std::find(argv + 1, argv + argc, std::string_view("--activate")) != argv + argc) app.describeContainer();
+  if (std::find(argv + 1, argv + argc, std::string_view("--activate")) != argv + argc)
+    app.describeContainer();
 
   if (auto created = platform.createDirectories(paths::join(requestDirectory(*container), "processing"));
       !created.ok()) {

@@ -152,8 +152,8 @@ std::vector<RequestFile> Demo::readRequests() const {
 // which it does once the results are written, and show them.
 void Demo::followHostApp(const std::vector<RequestFile>& requests) {
   if (!platform_->launchedBundle) {
-    std::cout << style_.yellow("No host app around the tool (run build/<preset>/palvin-finder to have the sample "
-                               "host app take it); the request waits in requests/.")
+    std::cout << style_.yellow("No host app around the tool (run build/<preset>/palvin-finder to have "
+                               "the sample host app take it); the request waits in requests/.")
               << '\n';
     return;
   }
@@ -172,8 +172,10 @@ void Demo::followHostApp(const std::vector<RequestFile>& requests) {
   }
   const std::string directory = requestDirectory(container_);
   auto consumed = [&] {
-    if (!requestFiles(directory).empty() || !requestFiles(paths::join(directory, "processing")).empty()) return false;
-    return std::all_of(results.begin(), results.end(), [](const std::string& path) { return fs::exists(path); });
+    if (!requestFiles(directory).empty()) return false;
+    if (!requestFiles(paths::join(directory, "processing")).empty()) return false;
+    return std::all_of(results.begin(), results.end(),
+                       [](const std::string& path) { return fs::exists(path); });
   };
   auto deadline = std::chrono::steady_clock::now() + kHostAppPatience;
   while (!consumed() && std::chrono::steady_clock::now() < deadline) {
@@ -248,9 +250,8 @@ int Demo::run(bool keep) {
     if (!platform.launchedBundle) handedOver = readRequests();
     showNewLogLines();
     for (const auto& request : handedOver) {
-      std::cout << "Request file: " << style_.cyan("requests/" + std::string(paths::lastComponent(request.path)))
-                << '\n'
-                << request.json << '\n';
+      std::string name(paths::lastComponent(request.path));
+      std::cout << "Request file: " << style_.cyan("requests/" + name) << '\n' << request.json << '\n';
     }
     followHostApp(handedOver);
 
