@@ -117,7 +117,8 @@ TEST(ToolDemo, WalksThroughEveryStepAndKeepsTheContainerOnlyWhenAsked) {
   auto run = runTool({"demo", "--keep"}, {"NO_COLOR=1"});
   ASSERT_EQ(run.exitCode, 0) << run.err;
   for (const char* text : {"The menu for one image", "A mixed selection", "no common target", "Folders only",
-                           "Request file: requests/", R"({"targetFormatId":"webp")", "stale menu state for tag",
+                           "Request file: requests/", R"({"targetFormatId":"webp")", "Request consumed",
+                           "Result file: Files/photo.png.webp.txt", "stale menu state for tag",
                            "Convert with Palvin \u2014 open to set up", "Failed to decode capabilities: ",
                            "The log file"}) {
     EXPECT_NE(run.out.find(text), std::string::npos) << text;

@@ -35,6 +35,11 @@ std::string drain(int fd) {
 }  // namespace
 
 ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  return runProgram(PALVIN_TOOL_PATH, args, env);
+}
+
+ToolRun runProgram(const std::string& program, const std::vector<std::string>& args,
+                   const std::vector<std::string>& env) {
   int outPipe[2];
   int errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
@@ -44,7 +49,7 @@ ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::str
   posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
   posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
 
-  std::vector<std::string> argvStrings{PALVIN_TOOL_PATH};
+  std::vector<std::string> argvStrings{program};
   argvStrings.insert(argvStrings.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (auto& a : argvStrings) argv.push_back(a.data());

@@ -12,8 +12,12 @@ struct ToolRun {
   std::string err;
 };
 
-// Runs PALVIN_TOOL_PATH with `args` and empty standard input. `env` changes
-// the inherited environment: "NAME=value" sets NAME, "-NAME" removes it.
+// Runs `program` with `args` and empty standard input. `env` changes the
+// inherited environment: "NAME=value" sets NAME, "-NAME" removes it.
+ToolRun runProgram(const std::string& program, const std::vector<std::string>& args,
+                   const std::vector<std::string>& env = {});
+
+// runProgram with PALVIN_TOOL_PATH.
 ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
 
 // A fresh directory under the system's temporary directory, removed with its
