@@ -52,7 +52,12 @@ ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::str
 
   std::vector<std::string> envStrings;
   for (char** e = environ; *e != nullptr; ++e) envStrings.emplace_back(*e);
-  envStrings.insert(envStrings.end(), env.begin(), env.end());
+  for (const auto& change : env) {
+    bool unset = change.starts_with('-');
+    std::string prefix = unset ? change.substr(1) + "=" : change.substr(0, change.find('=') + 1);
+    std::erase_if(envStrings, [&](const std::string& e) { return e.starts_with(prefix); });
+    if (!unset) envStrings.push_back(change);
+  }
   std::vector<char*> envp;
   for (auto& e : envStrings) envp.push_back(e.data());
   envp.push_back(nullptr);

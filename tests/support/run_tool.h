@@ -12,8 +12,8 @@ struct ToolRun {
   std::string err;
 };
 
-// Runs PALVIN_TOOL_PATH with `args`; `env` entries ("NAME=value") are added to
-// the environment, and standard input is empty.
+// Runs PALVIN_TOOL_PATH with `args` and empty standard input. `env` entries
+// change the environment: "NAME=value" sets NAME, "-NAME" removes it.
 ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
 
 // A fresh directory under the system's temporary directory, removed with its
