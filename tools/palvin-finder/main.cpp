@@ -55,6 +55,7 @@ int main(int argc, char** argv) {
   palvin::tool::registerExplainCommand(registry);
   palvin::tool::registerRequestsCommand(registry);
   palvin::tool::registerLogCommand(registry);
+  palvin::tool::registerDemoCommand(registry);
 
   try {
     app.parse(argc, argv);

@@ -32,6 +32,7 @@ void registerMenuCommand(Registry registry);
 void registerExplainCommand(Registry registry);
 void registerRequestsCommand(Registry registry);
 void registerLogCommand(Registry registry);
+void registerDemoCommand(Registry registry);
 
 // The plan as a readable tree (plan and explain share it).
 void printPlan(std::ostream& out, const std::optional<FinderMenuPlanner::Plan>& plan, std::size_t fileCount);
