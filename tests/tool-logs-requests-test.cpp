@@ -112,7 +112,9 @@ TEST(ToolRequestsAndLog, MissingEmptyAndDefaultContainers) {
     auto run = runTool(c.args, c.env);
     EXPECT_EQ(run.exitCode, c.exitCode) << c.out;
     EXPECT_EQ(run.out, c.out);
-    if (c.exitCode == 2) EXPECT_NE(run.err.find("no shared container"), std::string::npos) << run.err;
+    if (c.exitCode == 2) {
+      EXPECT_NE(run.err.find("no shared container"), std::string::npos) << run.err;
+    }
   }
 }
 
