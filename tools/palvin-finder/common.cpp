@@ -53,12 +53,11 @@ std::string sharedContainerHelp() {
   std::string text =
       "Shared container: the directory the extension and the host app share. It holds\n"
       "\"capabilities.json\" (written by the host app), \"finder-extension.log\" and the \"requests\"\n"
-      "directory. On Linux it is $XDG_DATA_HOME/";
+      "directory. On Linux it is\n  $XDG_DATA_HOME/";
   text += ids::kAppGroupIdentifier;
-  text += ", or ~/.local/share/";
+  text += "\nor, when XDG_DATA_HOME is unset or relative,\n  ~/.local/share/";
   text += ids::kAppGroupIdentifier;
-  text +=
-      " when\nXDG_DATA_HOME is unset or relative; there is none when HOME is unset too.\n";
+  text += "\nand there is none when HOME is unset too.\n";
   return text;
 }
 
@@ -73,8 +72,8 @@ Result<std::unique_ptr<DirectoryWatch>> DirectoryWatch::start(const std::string&
                                                               std::uint32_t inotifyEvents) {
   int inotifyFd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   if (inotifyFd < 0) return Error{std::string("inotify: ") + std::strerror(errno)};
-  if (inotify_add_watch(inotifyFd, directory.c_str(), inotifyEvents | IN_ONLYDIR | IN_DELETE_SELF | IN_MOVE_SELF) <
-      0) {
+  std::uint32_t mask = inotifyEvents | IN_ONLYDIR | IN_DELETE_SELF | IN_MOVE_SELF;
+  if (inotify_add_watch(inotifyFd, directory.c_str(), mask) < 0) {
     Error error{directory + ": " + std::strerror(errno)};
     close(inotifyFd);
     return error;
@@ -109,7 +108,9 @@ bool DirectoryWatch::run(std::optional<double> timeoutSeconds,
   using Clock = std::chrono::steady_clock;
   std::optional<Clock::time_point> deadline;
   if (timeoutSeconds) {
-    deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*timeoutSeconds));
+    // Bounded (NaN included) so that the conversion below can't overflow.
+    auto timeout = std::chrono::duration<double>(*timeoutSeconds <= 1e9 ? *timeoutSeconds : 1e9);
+    deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(timeout);
   }
   alignas(inotify_event) char buffer[64 * (sizeof(inotify_event) + NAME_MAX + 1)];
   for (;;) {
@@ -123,7 +124,13 @@ bool DirectoryWatch::run(std::optional<double> timeoutSeconds,
     int ready = poll(fds, 2, waitMs);
     if (ready < 0 && errno != EINTR) return true;
     if (ready <= 0) continue;
-    if (fds[1].revents != 0) return true;  // SIGINT or SIGTERM
+    if (fds[1].revents != 0) {
+      // Taken here, or it would be delivered, and end the tool, once unblocked.
+      signalfd_siginfo info{};
+      while (read(signalFd_, &info, sizeof info) > 0) {
+      }
+      return true;
+    }
     ssize_t length = read(inotifyFd_, buffer, sizeof buffer);
     if (length <= 0) continue;
     std::vector<std::string> names;

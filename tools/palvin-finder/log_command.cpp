@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -68,7 +69,8 @@ class EntryPrinter {
       if (*level == Level::warn) tag = style_.yellow(tag);
       if (*level == Level::debug) tag = style_.dim(tag);
       std::size_t messageStart = kTimestampLength + 1 + FinderLog::tag(*level).size() + 2;
-      std::cout << text.substr(0, kTimestampLength + 1) << tag << json::toValidUtf8(text.substr(messageStart)) << '\n';
+      std::cout << text.substr(0, kTimestampLength + 1) << tag << json::toValidUtf8(text.substr(messageStart))
+                << '\n';
       return;
     }
     if (current_) {
@@ -77,7 +79,8 @@ class EntryPrinter {
     }
     if (minimum_ != Level::debug) return;  // a fragment has no level
     if (!fragmentNoted_) {
-      std::cout << style_.dim("(fragment: the start of this entry was cut off when the log was trimmed)") << '\n';
+      std::cout << style_.dim("(fragment: the start of this entry was cut off when the log was trimmed)")
+                << '\n';
       fragmentNoted_ = true;
     }
     std::cout << json::toValidUtf8(text) << '\n';
@@ -164,7 +167,8 @@ class LogReader {
   std::string tail_;          // the bytes just before offset_
 };
 
-Level parseLevel(const std::string& text) {
+Level parseLevel(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   if (text == "info") return Level::info;
   if (text == "warn") return Level::warn;
   if (text == "error") return Level::error;
@@ -231,14 +235,18 @@ void registerLogCommand(Registry registry) {
       "a line \"<UTC time> [LEVEL] message\" and the lines of the same message that follow it. A\n"
       "trim cuts the file at an arbitrary byte, so its first lines may be the end of an entry,\n"
       "shown as a fragment (never under a --level above debug).");
-  command->add_option("--container", options->container,
-                      "shared container directory (default: $XDG_DATA_HOME/<app group>)");
+  command
+      ->add_option("--container", options->container,
+                   "shared container directory (default: $XDG_DATA_HOME/<app group>)")
+      ->type_name("DIR");
   auto* follow = command->add_flag("--follow,-f", options->follow,
                                    "then print entries as they are appended, through rewrites and trims,\n"
                                    "until interrupted (Ctrl-C); waits for a log that does not exist yet");
-  command->add_option("--level", options->level, "show entries of LEVEL and above: debug, info, warn or error")
+  command->add_option("--level", options->level, "show entries of LEVEL and above (any case)")
+      ->type_name("LEVEL")
       ->check(CLI::IsMember({"debug", "info", "warn", "error"}, CLI::ignore_case));
   command->add_option("--timeout", options->timeout, "with --follow: stop after SECONDS")
+      ->type_name("SECONDS")
       ->check(CLI::PositiveNumber)
       ->needs(follow);
   command->footer("\n" + sharedContainerHelp() +

@@ -51,11 +51,11 @@ Result<std::vector<RequestFile>> listRequestFiles(const std::string& directory) 
     if (isRequestFileName(name) && !it->is_directory(ignored)) files.push_back(requestFile(directory, name));
   }
   if (error) return Error{directory + ": " + error.message()};
-  auto key = [](const RequestFile& f) {
-    FileTime t = f.modified.value_or(FileTime{});
-    return std::tie(t.seconds, t.nanoseconds, f.name);
-  };
-  std::sort(files.begin(), files.end(), [&](const RequestFile& a, const RequestFile& b) { return key(a) < key(b); });
+  std::sort(files.begin(), files.end(), [](const RequestFile& a, const RequestFile& b) {
+    FileTime ta = a.modified.value_or(FileTime{});
+    FileTime tb = b.modified.value_or(FileTime{});
+    return std::tie(ta.seconds, ta.nanoseconds, a.name) < std::tie(tb.seconds, tb.nanoseconds, b.name);
+  });
   return files;
 }
 
@@ -76,11 +76,11 @@ bool printRequest(const Style& style, const std::string& directory, const Reques
     std::cout << "  " << style.red("invalid") << ": " << json::toValidUtf8(request.error()) << '\n';
     return false;
   }
-  std::cout << "  to " << style.cyan(json::toValidUtf8(request->targetFormatId)) << ", " << request->files.size()
-            << " file(s)\n";
+  std::cout << "  to " << style.cyan(json::toValidUtf8(request->targetFormatId)) << ", "
+            << request->files.size() << " file(s)\n";
   for (const auto& ref : request->files) {
-    std::cout << "    " << json::toValidUtf8(ref.path) << "  " << style.dim("(" + json::toValidUtf8(ref.sourceFormatId) + ")")
-              << '\n';
+    std::cout << "    " << json::toValidUtf8(ref.path) << "  "
+              << style.dim("(" + json::toValidUtf8(ref.sourceFormatId) + ")") << '\n';
   }
   return true;
 }
@@ -141,7 +141,8 @@ int runRequests(const RequestsOptions& options) {
   }
   if (!watch) return invalid ? kExitFindings : kExitOk;
 
-  std::cout << style.dim("Watching " + directory + " for new requests (Ctrl-C to stop).") << '\n' << std::flush;
+  std::cout << style.dim("Watching " + directory + " for new requests (Ctrl-C to stop).") << '\n'
+            << std::flush;
   bool stillThere = watch->run(options.timeout, [&](const std::vector<std::string>& names) {
     for (const auto& name : names) {
       if (name.empty()) {  // events were lost: look at everything again
@@ -165,11 +166,14 @@ void registerRequestsCommand(Registry registry) {
       "reads them: *.json files (names starting with a dot are temporary files of atomic writes),\n"
       "oldest first, each with its modification time (UTC) and its decoded request: the target\n"
       "format and every file's path and source format, or why it can't be decoded.");
-  command->add_option("--container", options->container,
-                      "shared container directory (default: $XDG_DATA_HOME/<app group>)");
+  command
+      ->add_option("--container", options->container,
+                   "shared container directory (default: $XDG_DATA_HOME/<app group>)")
+      ->type_name("DIR");
   auto* watch = command->add_flag("--watch", options->watch,
                                   "then print each new request as it arrives, until interrupted (Ctrl-C)");
   command->add_option("--timeout", options->timeout, "with --watch: stop after SECONDS")
+      ->type_name("SECONDS")
       ->check(CLI::PositiveNumber)
       ->needs(watch);
   command->footer("\n" + sharedContainerHelp() +

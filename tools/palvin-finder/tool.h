@@ -69,7 +69,8 @@ std::optional<std::string> resolveContainer(const std::string& option);
 class DirectoryWatch {
  public:
   // Blocks SIGINT and SIGTERM from here on, so that run() receives them.
-  static Result<std::unique_ptr<DirectoryWatch>> start(const std::string& directory, std::uint32_t inotifyEvents);
+  static Result<std::unique_ptr<DirectoryWatch>> start(const std::string& directory,
+                                                       std::uint32_t inotifyEvents);
   ~DirectoryWatch();
   DirectoryWatch(const DirectoryWatch&) = delete;
   DirectoryWatch& operator=(const DirectoryWatch&) = delete;
@@ -77,7 +78,8 @@ class DirectoryWatch {
   // Calls `onChange` with the names of the entries that changed, once per
   // batch of events; an empty name means events were lost. False when it
   // stopped because the directory was removed or moved away.
-  bool run(std::optional<double> timeoutSeconds, const std::function<void(const std::vector<std::string>&)>& onChange);
+  bool run(std::optional<double> timeoutSeconds,
+           const std::function<void(const std::vector<std::string>&)>& onChange);
 
  private:
   DirectoryWatch(int inotifyFd, int signalFd, sigset_t previousMask);
