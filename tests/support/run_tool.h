@@ -1,6 +1,7 @@
 // Runs the built palvin-finder with arguments and captures what it prints.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,9 @@ struct ToolRun {
 
 // Runs PALVIN_TOOL_PATH with `args` and empty standard input. `env` entries
 // change the environment: "NAME=value" sets NAME, "-NAME" removes it.
-ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+// `started` receives the process id as soon as the tool runs.
+ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                const std::function<void(int pid)>& started = {});
 
 // A fresh directory under the system's temporary directory, removed with its
 // content when the object goes.
