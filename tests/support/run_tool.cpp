@@ -51,13 +51,22 @@ ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::str
   for (auto& a : argvStrings) argv.push_back(a.data());
   argv.push_back(nullptr);
 
+  // "NAME=value" replaces an inherited NAME; "-NAME" removes it.
+  auto overridden = [&env](std::string_view entry) {
+    std::string_view name = entry.substr(0, entry.find('='));
+    for (const auto& change : env) {
+      std::string_view changed = change[0] == '-' ? std::string_view(change).substr(1)
+                                                  : std::string_view(change).substr(0, change.find('='));
+      if (changed == name) return true;
+    }
+    return false;
+  };
   std::vector<std::string> envStrings;
-  for (char** e = environ; *e != nullptr; ++e) envStrings.emplace_back(*e);
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (!overridden(*e)) envStrings.emplace_back(*e);
+  }
   for (const auto& change : env) {
-    bool unset = change.starts_with('-');
-    std::string prefix = unset ? change.substr(1) + "=" : change.substr(0, change.find('=') + 1);
-    std::erase_if(envStrings, [&](const std::string& e) { return e.starts_with(prefix); });
-    if (!unset) envStrings.push_back(change);
+    if (change[0] != '-') envStrings.push_back(change);
   }
   std::vector<char*> envp;
   for (auto& e : envStrings) envp.push_back(e.data());

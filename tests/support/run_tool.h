@@ -13,8 +13,8 @@ struct ToolRun {
   std::string err;
 };
 
-// Runs PALVIN_TOOL_PATH with `args` and empty standard input. `env` entries
-// change the environment: "NAME=value" sets NAME, "-NAME" removes it.
+// Runs PALVIN_TOOL_PATH with `args` and empty standard input. `env` changes
+// the inherited environment: "NAME=value" sets NAME, "-NAME" removes it.
 // `started` receives the process id as soon as the tool runs.
 ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                 const std::function<void(int pid)>& started = {});
