@@ -34,12 +34,13 @@ std::string drain(int fd) {
 
 }  // namespace
 
-ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
-  return runProgram(PALVIN_TOOL_PATH, args, env);
+ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                const std::function<void(int pid)>& started) {
+  return runProgram(PALVIN_TOOL_PATH, args, env, started);
 }
 
 ToolRun runProgram(const std::string& program, const std::vector<std::string>& args,
-                   const std::vector<std::string>& env) {
+                   const std::vector<std::string>& env, const std::function<void(int pid)>& started) {
   int outPipe[2];
   int errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
@@ -82,6 +83,7 @@ ToolRun runProgram(const std::string& program, const std::vector<std::string>& a
   close(outPipe[1]);
   close(errPipe[1]);
   if (rc != 0) throw std::runtime_error("could not start " + argvStrings[0]);
+  if (started) started(pid);
 
   ToolRun run;
   std::thread errReader([&] { run.err = drain(errPipe[0]); });

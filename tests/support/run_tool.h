@@ -1,6 +1,7 @@
 // Runs the built palvin-finder with arguments and captures what it prints.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,11 +15,13 @@ struct ToolRun {
 
 // Runs `program` with `args` and empty standard input. `env` changes the
 // inherited environment: "NAME=value" sets NAME, "-NAME" removes it.
+// `started` receives the process id as soon as the program runs.
 ToolRun runProgram(const std::string& program, const std::vector<std::string>& args,
-                   const std::vector<std::string>& env = {});
+                   const std::vector<std::string>& env = {}, const std::function<void(int pid)>& started = {});
 
 // runProgram with PALVIN_TOOL_PATH.
-ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                const std::function<void(int pid)>& started = {});
 
 // A fresh directory under the system's temporary directory, removed with its
 // content when the object goes.
