@@ -34,7 +34,9 @@ class FakeWritableFile : public WritableFile {
   std::size_t position_ = 0;
 };
 
-FakePlatform::FakePlatform() { directories.insert("/container"); }
+FakePlatform::FakePlatform() {
+  directories.insert("/container");
+}
 
 FileTime FakePlatform::tick() {
   ++ticks_;
@@ -67,43 +69,9 @@ std::vector<std::string> FakePlatform::filesUnder(const std::string& directory) 
   return out;
 }
 
-std::vector<std::string> FakePlatform::notifications() const {
-  std::lock_guard lock(mutex_);
-  return notifications_;
-}
-std::vector<FakePlatform::Launch> FakePlatform::launches() const {
-  std::lock_guard lock(mutex_);
-  return launches_;
-}
-std::vector<std::vector<std::string>> FakePlatform::monitoredHistory() const {
-  std::lock_guard lock(mutex_);
-  return monitored_;
-}
-std::vector<FakePlatform::UnifiedEntry> FakePlatform::unifiedEntries() const {
-  std::lock_guard lock(mutex_);
-  return unified_;
-}
-std::vector<std::string> FakePlatform::events() const {
-  std::lock_guard lock(mutex_);
-  return events_;
-}
-int FakePlatform::fileReads() const {
-  std::lock_guard lock(mutex_);
-  return reads_;
-}
-
+// Called without the lock, as the handler asks the platform again.
 void FakePlatform::simulateVolumeChange() {
-  std::function<void()> handler;
-  {
-    std::lock_guard lock(mutex_);
-    handler = volumeHandler_;
-  }
-  if (handler) handler();
-}
-
-bool FakePlatform::observingVolumes() const {
-  std::lock_guard lock(mutex_);
-  return static_cast<bool>(volumeHandler_);
+  if (auto handler = locked(volumeHandler_)) handler();
 }
 
 std::chrono::system_clock::time_point FakePlatform::now() {
@@ -111,9 +79,8 @@ std::chrono::system_clock::time_point FakePlatform::now() {
   return clock;
 }
 
-std::optional<std::string> FakePlatform::containerPath(std::string_view appGroupIdentifier) {
+std::optional<std::string> FakePlatform::containerPath(std::string_view) {
   std::lock_guard lock(mutex_);
-  appGroupAskedFor = appGroupIdentifier;
   return container;
 }
 
@@ -130,7 +97,8 @@ void FakePlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
 Result<FileTime> FakePlatform::modificationDate(const std::string& path) {
   std::lock_guard lock(mutex_);
   auto it = files_.find(path);
-  if (it == files_.end()) return Error{"The file \"" + std::string(paths::lastComponent(path)) + "\" doesn't exist."};
+  if (it == files_.end())
+    return Error{"The file \"" + std::string(paths::lastComponent(path)) + "\" doesn't exist."};
   return it->second.modified;
 }
 
@@ -139,7 +107,8 @@ Result<std::string> FakePlatform::readFile(const std::string& path) {
   ++reads_;
   if (failReads) return Error{*failReads};
   auto it = files_.find(path);
-  if (it == files_.end()) return Error{"The file \"" + std::string(paths::lastComponent(path)) + "\" doesn't exist."};
+  if (it == files_.end())
+    return Error{"The file \"" + std::string(paths::lastComponent(path)) + "\" doesn't exist."};
   return it->second.content;
 }
 
@@ -240,11 +209,12 @@ std::string FakePlatform::localizedString(std::string_view key) {
   return it == translations.end() ? std::string(key) : it->second;
 }
 
-ScopedPlatform::ScopedPlatform(Platform& platform)
-    : previous_(hasPlatform() ? &currentPlatform() : nullptr) {
+ScopedPlatform::ScopedPlatform(Platform& platform) : previous_(hasPlatform() ? &currentPlatform() : nullptr) {
   installPlatform(&platform);
 }
 
-ScopedPlatform::~ScopedPlatform() { installPlatform(previous_); }
+ScopedPlatform::~ScopedPlatform() {
+  installPlatform(previous_);
+}
 
 }  // namespace palvin::testing

@@ -35,7 +35,7 @@ class FakePlatform : public Platform {
   std::optional<std::string> container = "/container";
   std::string bundle = "/Applications/Palvin.app/Contents/PlugIns/PalvinFinder.appex";
   std::optional<std::vector<std::string>> selection;
-  std::set<std::string> directories;         // paths that are directories (also for isDirectory)
+  std::set<std::string> directories;           // paths that are directories (also for isDirectory)
   std::set<std::string> unknownDirectoryness;  // paths whose directory lookup fails
   std::optional<std::vector<std::string>> volumes = std::vector<std::string>{};
   std::map<std::string, std::string> defaults;
@@ -58,16 +58,16 @@ class FakePlatform : public Platform {
   std::vector<std::string> filesUnder(const std::string& directory) const;
 
   // --- What happened -----------------------------------------------------
-  std::vector<std::string> notifications() const;
-  std::vector<Launch> launches() const;
-  std::vector<std::vector<std::string>> monitoredHistory() const;
-  std::vector<UnifiedEntry> unifiedEntries() const;
+  std::vector<std::string> notifications() const { return locked(notifications_); }
+  std::vector<Launch> launches() const { return locked(launches_); }
+  std::vector<std::vector<std::string>> monitoredHistory() const { return locked(monitored_); }
+  std::vector<UnifiedEntry> unifiedEntries() const { return locked(unified_); }
   // Outward effects in order: "write <path>", "notify <name>", "open <path>".
-  std::vector<std::string> events() const;
-  int fileReads() const;
+  std::vector<std::string> events() const { return locked(events_); }
+  int fileReads() const { return locked(reads_); }
   // Delivers a mount or unmount to the registered observer, if any.
   void simulateVolumeChange();
-  bool observingVolumes() const;
+  bool observingVolumes() const { return static_cast<bool>(locked(volumeHandler_)); }
 
   // --- Platform ----------------------------------------------------------
   std::chrono::system_clock::time_point now() override;
@@ -93,11 +93,15 @@ class FakePlatform : public Platform {
   bool hasSymbolImage(std::string_view name) override;
   std::string localizedString(std::string_view key) override;
 
-  std::string appGroupAskedFor;  // the identifier of the last container lookup
-
  private:
   friend class FakeWritableFile;
   FileTime tick();
+  // A copy taken under the lock: the log's worker thread writes here too.
+  template <class T>
+  T locked(const T& value) const {
+    std::lock_guard lock(mutex_);
+    return value;
+  }
 
   mutable std::mutex mutex_;
   std::map<std::string, File> files_;
