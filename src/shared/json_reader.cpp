@@ -79,8 +79,10 @@ std::string SyntaxScanner::found() const {
   if (len == 0) return std::string("invalid UTF-8 byte 0x") + kHex[c >> 4] + kHex[c & 0xF];
   std::uint32_t cp = len == 1 ? c : c & (0x7F >> len);
   for (std::size_t i = 1; i < len; ++i) cp = (cp << 6) | (static_cast<unsigned char>(text_[pos_ + i]) & 0x3F);
+  // Four hex digits at least, more only as the code point needs them: U+00E9, U+1F600.
   std::string hex;
-  for (int shift = cp > 0xFFFF ? 20 : 12; shift >= 0; shift -= 4) hex.push_back(kHex[(cp >> shift) & 0xF]);
+  for (int shift = cp > 0xFFFFF ? 20 : cp > 0xFFFF ? 16 : 12; shift >= 0; shift -= 4)
+    hex.push_back(kHex[(cp >> shift) & 0xF]);
   return "U+" + hex;
 }
 
