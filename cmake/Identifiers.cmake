@@ -24,3 +24,10 @@ set(PALVIN_APPLICATION_ID "${PALVIN_TEAM_ID}.${PALVIN_EXTENSION_BUNDLE_ID}")
 set(PALVIN_GENERATED_DIR "${CMAKE_BINARY_DIR}/generated")
 configure_file(${CMAKE_SOURCE_DIR}/src/shared/identifiers.h.in
                ${PALVIN_GENERATED_DIR}/palvin/identifiers.h @ONLY)
+
+# The extension's bundle declarations and entitlements, generated on every
+# platform so the Linux tests can check them against the header above.
+configure_file(${CMAKE_SOURCE_DIR}/src/finder/Info.plist.in
+               ${PALVIN_GENERATED_DIR}/PalvinFinder-Info.plist @ONLY)
+configure_file(${CMAKE_SOURCE_DIR}/src/finder/PalvinFinder.entitlements.in
+               ${PALVIN_GENERATED_DIR}/PalvinFinder.entitlements @ONLY)

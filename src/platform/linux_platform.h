@@ -3,13 +3,15 @@
 // entry point, since Linux has no Finder to ask.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "platform/linux_mount_table.h"
 #include "platform/platform.h"
+#include "platform/strings_file.h"
 
 namespace palvin {
 
@@ -21,13 +23,13 @@ class LinuxPlatform : public Platform {
   struct Options {
     // The shared container; default $XDG_DATA_HOME/<app group identifier>,
     // or $HOME/.local/share/<app group identifier>.
-    std::optional<std::string> container;
+    std::optional<std::string> container{};
     // The extension's bundle; default the directory of the running executable.
-    std::optional<std::string> bundlePath;
+    std::optional<std::string> bundlePath{};
     // What "AppleInterfaceStyle" reads as ("Dark" for a dark appearance).
-    std::optional<std::string> appearance;
+    std::optional<std::string> appearance{};
     // Directory holding <lang>.lproj/Localizable.strings; none: English keys.
-    std::optional<std::string> stringsDirectory;
+    std::optional<std::string> stringsDirectory{};
   };
 
   LinuxPlatform();
@@ -63,10 +65,22 @@ class LinuxPlatform : public Platform {
   std::string localizedString(std::string_view key) override;
 
  private:
+  bool systemLogListens();
+  void loadStrings();
+
   Options options_;
   mutable std::mutex mutex_;
   std::vector<std::string> selection_;
   std::vector<std::string> monitored_;
+
+  std::once_flag systemLogOnce_;
+  bool systemLogListens_ = false;
+
+  std::once_flag stringsOnce_;
+  strings_file::Table strings_;
+
+  std::mutex watcherMutex_;
+  std::unique_ptr<mount_table::Watcher> watcher_;
 };
 
 }  // namespace palvin

@@ -63,7 +63,25 @@ int main(int argc, char** argv) {
   palvin::tool::registerCheckCommand(registry);
   palvin::tool::registerMenuCommand(registry);
   palvin::tool::registerExplainCommand(registry);
+  palvin::tool::registerDemoCommand(registry);
 
+  auto usage = [&app] {
+    std::string names;
+    for (const CLI::App* sub : app.get_subcommands({})) names += (names.empty() ? "" : "|") + sub->get_name();
+    std::cerr << "Usage: palvin-finder <" << names << "> [options] [args]\n"
+              << "Run 'palvin-finder --help' or 'palvin-finder <command> --help' for more.\n";
+  };
+  auto known = [&app](std::string_view name) {
+    for (const CLI::App* sub : app.get_subcommands({})) {
+      if (sub->get_name() == name) return true;
+    }
+    return false;
+  };
+  if (argc > 1 && argv[1][0] != '-' && !known(argv[1])) {
+    std::cerr << "palvin-finder: unknown command '" << argv[1] << "'\n";
+    usage();
+    return palvin::tool::kExitUsage;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -73,7 +91,8 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    app.exit(e);  // prints the error and the usage line
+    std::cerr << "palvin-finder: " << e.what() << '\n';
+    usage();
     return palvin::tool::kExitUsage;
   }
   return exitCode;

@@ -28,6 +28,7 @@ void registerPlanCommand(Registry registry);
 void registerCheckCommand(Registry registry);
 void registerMenuCommand(Registry registry);
 void registerExplainCommand(Registry registry);
+void registerDemoCommand(Registry registry);
 
 // The plan as a readable tree (plan and explain share it).
 void printPlan(std::ostream& out, const std::optional<FinderMenuPlanner::Plan>& plan, std::size_t fileCount);

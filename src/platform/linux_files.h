@@ -1,0 +1,33 @@
+// File operations of the Linux platform, on plain POSIX calls. Every error
+// reads "<path>: <reason>", the reason being the system's own text where
+// there is one ("/x/capabilities.json: No such file or directory").
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/platform.h"
+
+namespace palvin::linux_files {
+
+// "<path>: <the system's text for errnum>".
+std::string describe(std::string_view path, int errnum);
+
+Result<FileTime> modificationDate(const std::string& path);
+
+// Refuses what is not a regular file and anything above `limit` bytes, also
+// when the file grows past it while being read.
+Result<std::string> readFile(const std::string& path, std::uint64_t limit);
+
+Status writeFileAtomically(const std::string& path, std::string_view bytes);
+
+Status createDirectories(const std::string& path);
+
+Result<std::unique_ptr<WritableFile>> openForWriting(const std::string& path);
+
+// The process's file mode creation mask, read once.
+unsigned processUmask();
+
+}  // namespace palvin::linux_files
