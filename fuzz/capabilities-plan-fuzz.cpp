@@ -22,7 +22,8 @@ std::unordered_map<std::string, const FinderCapabilities::Format*> formatIndex(c
 
 bool convertsTo(const FinderCapabilities& c, const std::string& source, const std::string& target) {
   auto it = c.conversions.find(source);
-  return it != c.conversions.end() && std::find(it->second.begin(), it->second.end(), target) != it->second.end();
+  return it != c.conversions.end() &&
+         std::find(it->second.begin(), it->second.end(), target) != it->second.end();
 }
 
 void checkPlan(const FinderCapabilities& c, const std::vector<FinderMenuPlanner::FileInput>& inputs,
@@ -38,7 +39,8 @@ void checkPlan(const FinderCapabilities& c, const std::vector<FinderMenuPlanner:
   const auto formats = formatIndex(c);
   std::unordered_set<std::string> sourceCategories;
   for (const auto& file : plan.files) {
-    if (auto it = formats.find(file.sourceFormatId); it != formats.end()) sourceCategories.insert(it->second->category);
+    if (auto it = formats.find(file.sourceFormatId); it != formats.end())
+      sourceCategories.insert(it->second->category);
   }
   const std::string* sourceCategory = sourceCategories.size() == 1 ? &*sourceCategories.begin() : nullptr;
 

@@ -12,7 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   auto encoded = decoded->encode();
   FUZZ_CHECK(encoded.ok());
   FUZZ_CHECK(encoded->find('\n') == std::string::npos);
-  for (std::size_t slash = encoded->find('/'); slash != std::string::npos; slash = encoded->find('/', slash + 1)) {
+  for (std::size_t slash = encoded->find('/'); slash != std::string::npos;
+       slash = encoded->find('/', slash + 1)) {
     FUZZ_CHECK(slash > 0 && (*encoded)[slash - 1] == '\\');
   }
   auto again = FinderConversionRequest::decode(*encoded);

@@ -3,11 +3,10 @@
 // bounded time and memory, and a bad document gives the fallback item and a
 // logged reason.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -58,13 +57,17 @@ long maxResidentKiB() {
   return usage.ru_maxrss;
 }
 
-std::string exampleCatalogue() { return readText(PALVIN_SOURCE_DIR "/examples/capabilities.json"); }
+std::string exampleCatalogue() {
+  return readText(PALVIN_SOURCE_DIR "/examples/capabilities.json");
+}
 
 bool isFallbackOnly(const Menu& menu) {
   return menu.items.size() == 1 && menu.items[0].action == MenuAction::openHostApp && !menu.items[0].submenu;
 }
 
-bool isConvertMenu(const Menu& menu) { return menu.items.size() == 1 && menu.items[0].submenu != nullptr; }
+bool isConvertMenu(const Menu& menu) {
+  return menu.items.size() == 1 && menu.items[0].submenu != nullptr;
+}
 
 class HostileInput : public ::testing::Test {
  protected:
@@ -95,7 +98,8 @@ class HostileInput : public ::testing::Test {
 };
 
 TEST_F(HostileInput, EachBadFileGivesTheFallbackItemAndALoggedReason) {
-  const std::string nested = R"({"schemaVersion":1,"deep":)" + std::string(100000, '[') + std::string(100000, ']') + "}";
+  const std::string nested =
+      R"({"schemaVersion":1,"deep":)" + std::string(100000, '[') + std::string(100000, ']') + "}";
   std::string badUtf8 = exampleCatalogue();
   badUtf8.replace(badUtf8.find("Images"), 6, "Im\xFF\xFEges");
 
@@ -114,13 +118,15 @@ TEST_F(HostileInput, EachBadFileGivesTheFallbackItemAndALoggedReason) {
          ::close(fd);
        },
        "limit"},
-      {"a FIFO without a writer", [](const std::string& p) { ASSERT_EQ(::mkfifo(p.c_str(), 0600), 0); }, "FIFO"},
-      {"a symlink to /dev/zero", [](const std::string& p) { ASSERT_EQ(::symlink("/dev/zero", p.c_str()), 0); },
-       "character device"},
+      {"a FIFO without a writer", [](const std::string& p) { ASSERT_EQ(::mkfifo(p.c_str(), 0600), 0); },
+       "FIFO"},
+      {"a symlink to /dev/zero",
+       [](const std::string& p) { ASSERT_EQ(::symlink("/dev/zero", p.c_str()), 0); }, "character device"},
       {"invalid UTF-8 in a label", [&](const std::string& p) { writeText(p, badUtf8); }, "UTF-8"},
-      {"an exponent past the integer range", [](const std::string& p) { writeText(p, "[1e9223372036854775807"); },
-       "out of range"},
-      {"a directory", [](const std::string& p) { ASSERT_TRUE(std::filesystem::create_directory(p)); }, "directory"},
+      {"an exponent past the integer range",
+       [](const std::string& p) { writeText(p, "[1e9223372036854775807"); }, "out of range"},
+      {"a directory", [](const std::string& p) { ASSERT_TRUE(std::filesystem::create_directory(p)); },
+       "directory"},
       {"an empty file", [](const std::string& p) { writeText(p, ""); }, "empty"},
   };
 
@@ -154,7 +160,7 @@ TEST_F(HostileInput, AGoodCatalogueReplacedByADirectoryWithdrawsTheMenu) {
   EXPECT_NE(finder.capabilities().cached(), nullptr) << "a failed read keeps what the store holds";
 }
 
-// The host app rewrites the file in place (truncate, then two writes) while
+// The host app rewrites the file in place (truncate, writes, a pause) while
 // menus are built: a load sees the old, the new, an empty or a torn file, but
 // yields either one of the two whole catalogues or nothing with a logged
 // failure.
@@ -174,23 +180,31 @@ TEST_F(HostileInput, AFileRewrittenDuringLoadsGivesAWholeCatalogueOrALoggedFailu
       const std::string& text = i % 2 == 0 ? second : first;
       int fd = ::open(catalogue.c_str(), O_WRONLY | O_TRUNC);
       if (fd < 0) continue;
-      const std::size_t half = text.size() / 2;
-      bool whole = ::write(fd, text.data(), half) == static_cast<ssize_t>(half) &&
-                   ::write(fd, text.data() + half, text.size() - half) == static_cast<ssize_t>(text.size() - half);
+      // Small pieces, so that loads also find the file empty or torn.
+      bool whole = true;
+      for (std::size_t at = 0; whole && at < text.size(); at += 128) {
+        const std::size_t piece = std::min<std::size_t>(128, text.size() - at);
+        whole = ::write(fd, text.data() + at, piece) == static_cast<ssize_t>(piece);
+        std::this_thread::yield();
+      }
       ::close(fd);
       if (whole) ++rewrites;
+      // A pause with the file whole, so that loads see whole files too.
+      std::this_thread::sleep_for(100us);
     }
   });
 
-  // Few enough loads that their log lines stay below the trimming threshold,
-  // so every failure line can be counted.
-  constexpr int kLoads = 1000;
+  // Loads spread over a hundred rewrites, but few enough that their log lines
+  // stay below the trimming threshold, so every failure line can be counted.
+  constexpr int kMaxLoads = 1200;
   CapabilityStore store;
+  int loads = 0;
   int without = 0;
   withinHangGuard("loads while rewriting", [&] {
     while (rewrites == 0) std::this_thread::yield();
-    for (int i = 0; i < kLoads; ++i) {
+    for (; loads < kMaxLoads && rewrites < 100; ++loads) {
       auto loaded = store.load();
+      std::this_thread::sleep_for(20us);
       if (!loaded) {
         ++without;
         continue;
@@ -203,8 +217,10 @@ TEST_F(HostileInput, AFileRewrittenDuringLoadsGivesAWholeCatalogueOrALoggedFailu
 
   std::string log = logText();
   int failures = 0;
-  for (auto at = log.find(kDecodeFailed); at != std::string::npos; at = log.find(kDecodeFailed, at + 1)) ++failures;
+  for (auto at = log.find(kDecodeFailed); at != std::string::npos; at = log.find(kDecodeFailed, at + 1))
+    ++failures;
   EXPECT_EQ(failures, without) << "every load without a catalogue logs why";
+  RecordProperty("loads", loads);
   RecordProperty("loadsWithoutCatalogue", without);
   RecordProperty("rewrites", rewrites.load());
 }

@@ -28,7 +28,8 @@ constexpr int kLinesPerThread = 800;
 // glued from two others or cut short does not read as a line of its own.
 std::string message(int thread, int n) {
   return "T" + std::to_string(thread) + " #" + std::to_string(n) + " " +
-         std::string(100 + static_cast<std::size_t>((thread * 31 + n) % 80), static_cast<char>('a' + (thread + n) % 26));
+         std::string(100 + static_cast<std::size_t>((thread * 31 + n) % 80),
+                     static_cast<char>('a' + (thread + n) % 26));
 }
 
 TEST(LogStress, ConcurrentLinesStayWholeAndInOrderAcrossTrims) {
@@ -77,7 +78,8 @@ TEST(LogStress, ConcurrentLinesStayWholeAndInOrderAcrossTrims) {
     next[thread] = n + 1;
     ++lines;
   }
-  for (const auto& [thread, after] : next) EXPECT_EQ(after, kLinesPerThread) << "thread " << thread << "'s last line";
+  for (const auto& [thread, after] : next)
+    EXPECT_EQ(after, kLinesPerThread) << "thread " << thread << "'s last line";
   EXPECT_GT(lines, 0);
 }
 

@@ -28,7 +28,9 @@ class TempDir {
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
-  std::string operator/(std::string_view name) const { return (std::filesystem::path(path_) / name).string(); }
+  std::string operator/(std::string_view name) const {
+    return (std::filesystem::path(path_) / name).string();
+  }
   const std::string& str() const { return path_; }
 
  private:
