@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Type-checks the macOS shell on a machine without Apple's SDK: clang parses
 # both Objective-C++ files under ARC against the minimal declarations in
-# tests/apple-sdk, with warnings as errors, since a wrong argument type or an
+# .ci/apple-sdk, with warnings as errors, since a wrong argument type or an
 # unknown selector in Objective-C is only a warning by default.
 #
 # Usage: check-apple-shell.sh <generated dir> [file.mm...]
@@ -28,7 +28,7 @@ fi
 flags=(
   -fsyntax-only -x objective-c++ -std=c++20
   -fobjc-arc -fblocks -fobjc-runtime=macosx-12.0
-  -isystem "$root/tests/apple-sdk" -I "$root/src" -I "$generated"
+  -isystem "$root/.ci/apple-sdk" -I "$root/src" -I "$generated"
   # glibc's name for the field Darwin calls st_mtimespec (both a timespec).
   -Dst_mtimespec=st_mtim
   -Wall -Wextra -Wpedantic -Werror

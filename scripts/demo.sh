@@ -4,4 +4,4 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh ci >/dev/null
-exec build/ci/tools/palvin-finder/palvin-finder demo "$@"
+exec build/ci/palvin-finder demo "$@"

@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <palvin/identifiers.h>
 
 #include <functional>
@@ -9,6 +11,8 @@
 #include "shared/log.h"
 #include "support/fake_platform.h"
 #include "support/log_lines.h"
+#include "support/run_tool.h"
+#include "platform/linux_platform.h"
 
 namespace palvin {
 namespace {
@@ -378,6 +382,50 @@ TEST_F(CapabilityStoreTest, ReadsFromTheContainerTheFileNamesNothingElse) {
   fake.putFile("/container/capabilities.json", kDocB, kD);
   fake.putFile("/Users/a/Group Containers/group.x/capabilities.json", kDocA, kD);
   EXPECT_EQ(formatIds(store.load()), kIdsA);
+}
+
+}  // namespace
+}  // namespace palvin
+
+// The same cache on real files: the key is the file system's modification
+// time at full precision, and odd files fail without blocking.
+namespace palvin {
+namespace {
+
+TEST(CapabilityStoreOnLinux, CachesByTheRealModificationTimeToTheNanosecond) {
+  testing::TempDir dir;
+  LinuxPlatform::Options options;
+  options.container = dir.path();
+  LinuxPlatform platform(options);
+  ScopedPlatform installed(platform);
+  const std::string path = dir.write("capabilities.json", document(1, {"png"}, {"png"}));
+  auto setTime = [&path](std::int64_t nanoseconds) {
+    timespec times[2] = {{1795424400, nanoseconds}, {1795424400, nanoseconds}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  };
+  setTime(100);
+  CapabilityStore store;
+  auto first = store.load();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(store.load(), first);  // untouched: the held document itself
+
+  // New content under the same time stays unseen; one nanosecond later it is read.
+  dir.write("capabilities.json", document(1, {"png", "jpeg"}, {"png"}));
+  setTime(100);
+  EXPECT_EQ(store.load(), first);
+  setTime(101);
+  auto second = store.load();
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->formats.size(), 2u);
+
+  // A FIFO in its place is refused at once and the held document stays.
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_FALSE(store.load());
+  EXPECT_EQ(store.cached(), second);
+  FinderLog::flush();
+  std::string log = testing::readWholeFile(dir.file("finder-extension.log"));
+  EXPECT_NE(log.find("[ERROR] Failed to decode capabilities: " + path + ": is a FIFO"), std::string::npos) << log;
 }
 
 }  // namespace

@@ -117,7 +117,7 @@ TEST(RequestDecode, RejectsTheWholeDocumentWithAPathStyleDescription) {
        "files[0].path: expected string, found boolean"},
       {R"({"targetFormatId":"png","files":[{"path":"/a","sourceFormatId":["a"]}]})",
        "files[0].sourceFormatId: expected string, found array"},
-      {R"(["png"])", "expected object at the top level, found array"},
+      {R"(["png"])", "(root): expected object, found array"},
   };
   for (const auto& c : cases) {
     auto decoded = FinderConversionRequest::decode(c.document);

@@ -34,7 +34,13 @@ std::string drain(int fd) {
 
 }  // namespace
 
-ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env,
+                const std::function<void(int pid)>& started) {
+  return runProgram(PALVIN_TOOL_PATH, args, env, started);
+}
+
+ToolRun runProgram(const std::string& program, const std::vector<std::string>& args,
+                   const std::vector<std::string>& env, const std::function<void(int pid)>& started) {
   int outPipe[2];
   int errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
@@ -44,15 +50,29 @@ ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::str
   posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
   posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
 
-  std::vector<std::string> argvStrings{PALVIN_TOOL_PATH};
+  std::vector<std::string> argvStrings{program};
   argvStrings.insert(argvStrings.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (auto& a : argvStrings) argv.push_back(a.data());
   argv.push_back(nullptr);
 
+  // "NAME=value" replaces an inherited NAME; "-NAME" removes it.
+  auto overridden = [&env](std::string_view entry) {
+    std::string_view name = entry.substr(0, entry.find('='));
+    for (const auto& change : env) {
+      std::string_view changed = change[0] == '-' ? std::string_view(change).substr(1)
+                                                  : std::string_view(change).substr(0, change.find('='));
+      if (changed == name) return true;
+    }
+    return false;
+  };
   std::vector<std::string> envStrings;
-  for (char** e = environ; *e != nullptr; ++e) envStrings.emplace_back(*e);
-  envStrings.insert(envStrings.end(), env.begin(), env.end());
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (!overridden(*e)) envStrings.emplace_back(*e);
+  }
+  for (const auto& change : env) {
+    if (change[0] != '-') envStrings.push_back(change);
+  }
   std::vector<char*> envp;
   for (auto& e : envStrings) envp.push_back(e.data());
   envp.push_back(nullptr);
@@ -63,6 +83,7 @@ ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::str
   close(outPipe[1]);
   close(errPipe[1]);
   if (rc != 0) throw std::runtime_error("could not start " + argvStrings[0]);
+  if (started) started(pid);
 
   ToolRun run;
   std::thread errReader([&] { run.err = drain(errPipe[0]); });

@@ -1,6 +1,7 @@
 // Runs the built palvin-finder with arguments and captures what it prints.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,9 +13,15 @@ struct ToolRun {
   std::string err;
 };
 
-// Runs PALVIN_TOOL_PATH with `args`; `env` entries ("NAME=value") are added to
-// the environment, and standard input is empty.
-ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+// Runs `program` with `args` and empty standard input. `env` changes the
+// inherited environment: "NAME=value" sets NAME, "-NAME" removes it.
+// `started` receives the process id as soon as the program runs.
+ToolRun runProgram(const std::string& program, const std::vector<std::string>& args,
+                   const std::vector<std::string>& env = {}, const std::function<void(int pid)>& started = {});
+
+// runProgram with PALVIN_TOOL_PATH.
+ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                const std::function<void(int pid)>& started = {});
 
 // A fresh directory under the system's temporary directory, removed with its
 // content when the object goes.

@@ -2,9 +2,11 @@
 // temporary shared container holding the sample catalogue and sample files.
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <thread>
 
 #include "finder/finder_sync.h"
 #include "menu_view.h"
@@ -20,6 +22,43 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// How long the demo waits for the host app to consume its request.
+constexpr std::chrono::seconds kHostAppPatience{5};
+
+// The Linux platform, watching the launch: it keeps the request files as they
+// are when the host app is started, since from then on the host app may take
+// them at any moment, and it records the launch's outcome.
+class DemoPlatform : public LinuxPlatform {
+ public:
+  using LinuxPlatform::LinuxPlatform;
+
+  void openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
+                       LaunchCompletion completion) override {
+    if (beforeLaunch) beforeLaunch();
+    launchedBundle = bundlePath;
+    // The Linux platform completes before returning, on this thread.
+    LinuxPlatform::openApplication(bundlePath, configuration,
+                                   [this, completion](std::optional<std::string> error) {
+                                     launchError = error;
+                                     completion(std::move(error));
+                                   });
+  }
+
+  std::function<void()> beforeLaunch;
+  std::optional<std::string> launchedBundle;
+  std::optional<std::string> launchError;
+};
+
+struct RequestFile {
+  std::string path;
+  std::string json;
+};
+
+std::string readWhole(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
 class Demo {
  public:
   Demo(std::string root, Style style)
@@ -33,13 +72,14 @@ class Demo {
   Menu showMenu(FinderSync& finder, const std::vector<std::string>& names);
   void showNewLogLines();
   void writeFile(const std::string& path, std::string_view content);
-  std::vector<std::string> requestFiles() const;
+  std::vector<RequestFile> readRequests() const;
+  void followHostApp(const std::vector<RequestFile>& requests);
 
   std::string root_;
   std::string container_;
   std::string files_;
   Style style_;
-  LinuxPlatform* platform_ = nullptr;
+  DemoPlatform* platform_ = nullptr;
   int step_ = 0;
   std::size_t logShown_ = 0;
 };
@@ -88,14 +128,70 @@ void Demo::showNewLogLines() {
   }
 }
 
-std::vector<std::string> Demo::requestFiles() const {
+// Request files in `directory`: "*.json", not the dot-named temporary files
+// of writes under way.
+std::vector<std::string> requestFiles(const std::string& directory) {
   std::vector<std::string> out;
   std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(requestDirectory(container_), ignored)) {
-    out.push_back(entry.path().string());
+  for (const auto& entry : fs::directory_iterator(directory, ignored)) {
+    std::string name = entry.path().filename().string();
+    if (name[0] != '.' && entry.path().extension() == ".json") out.push_back(entry.path().string());
   }
   std::sort(out.begin(), out.end());
   return out;
+}
+
+std::vector<RequestFile> Demo::readRequests() const {
+  std::vector<RequestFile> out;
+  for (const auto& path : requestFiles(requestDirectory(container_))) out.push_back({path, readWhole(path)});
+  return out;
+}
+
+// The sample host app (PalvinHost.app around the tool in the build tree) takes
+// the request in the background: wait until it has removed the request,
+// which it does once the results are written, and show them.
+void Demo::followHostApp(const std::vector<RequestFile>& requests) {
+  if (!platform_->launchedBundle) {
+    std::cout << style_.yellow("No host app around the tool (run build/<preset>/palvin-finder to have "
+                               "the sample host app take it); the request waits in requests/.")
+              << '\n';
+    return;
+  }
+  if (platform_->launchError) {
+    std::cout << style_.yellow("The host app did not start: " + *platform_->launchError) << '\n';
+    return;
+  }
+  std::cout << "Host app started: " << style_.cyan(*platform_->launchedBundle + "/AppRun") << '\n';
+  std::vector<std::string> results;
+  for (const auto& request : requests) {
+    auto decoded = FinderConversionRequest::decode(request.json);
+    if (!decoded.ok()) continue;
+    for (const auto& file : decoded->files) {
+      results.push_back(file.path + "." + decoded->targetFormatId + ".txt");
+    }
+  }
+  const std::string directory = requestDirectory(container_);
+  auto consumed = [&] {
+    if (!requestFiles(directory).empty()) return false;
+    if (!requestFiles(paths::join(directory, "processing")).empty()) return false;
+    return std::all_of(results.begin(), results.end(),
+                       [](const std::string& path) { return fs::exists(path); });
+  };
+  auto deadline = std::chrono::steady_clock::now() + kHostAppPatience;
+  while (!consumed() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  if (!consumed()) {
+    std::cout << style_.yellow("The host app has not consumed the request within " +
+                               std::to_string(kHostAppPatience.count()) + " s; going on.")
+              << '\n';
+    return;
+  }
+  std::cout << "Request consumed: requests/ holds no request file\n";
+  for (const auto& path : results) {
+    std::cout << "Result file: " << style_.cyan("Files/" + std::string(paths::lastComponent(path))) << '\n'
+              << readWhole(path);
+  }
 }
 
 int Demo::run(bool keep) {
@@ -109,7 +205,7 @@ int Demo::run(bool keep) {
   LinuxPlatform::Options options;
   options.container = container_;
   options.stringsDirectory = PALVIN_STRINGS_DIR;
-  LinuxPlatform platform(options);
+  DemoPlatform platform(options);
   platform_ = &platform;
   Platform* previous = &currentPlatform();
   installPlatform(&platform);
@@ -138,23 +234,26 @@ int Demo::run(bool keep) {
     step("Folders only", "Folders are dropped; with no file left there is no menu and the catalogue is not read.");
     showMenu(finder, {"Album"});
 
-    step("Picking a target writes a request",
+    step("Picking a target hands a request to the host app",
          "The pick becomes a request file in the container's \"requests\" directory, then the host app is "
-         "signalled and launched.");
+         "signalled and started; it takes the request and writes its results beside the files.");
     Menu pickMenu = showMenu(finder, {"photo.png", "scan.JPG"});
     std::int64_t webpTag = 0;
     for (const auto& item : pickableItems(pickMenu)) {
       if (item.item->title == "WebP") webpTag = item.item->tag;
     }
     std::cout << "Picking " << style_.cyan("[" + std::to_string(webpTag) + "] WebP") << '\n';
+    std::vector<RequestFile> handedOver;
+    platform.beforeLaunch = [&] { handedOver = readRequests(); };
     finder.convertAction(webpTag);
+    platform.beforeLaunch = nullptr;
+    if (!platform.launchedBundle) handedOver = readRequests();
     showNewLogLines();
-    for (const auto& file : requestFiles()) {
-      std::ifstream in(file, std::ios::binary);
-      std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-      std::cout << "Request file: " << style_.cyan("requests/" + std::string(paths::lastComponent(file))) << '\n'
-                << json << '\n';
+    for (const auto& request : handedOver) {
+      std::string name(paths::lastComponent(request.path));
+      std::cout << "Request file: " << style_.cyan("requests/" + name) << '\n' << request.json << '\n';
     }
+    followHostApp(handedOver);
 
     step("A stale pick", "An item of a menu that is no longer current is ignored with a warning.");
     finder.convertAction(42);
@@ -194,8 +293,9 @@ void registerDemoCommand(Registry registry) {
   CLI::App* command = registry.app.add_subcommand(
       "demo",
       "Walk through what the extension does, step by step, in a temporary shared container holding\n"
-      "the sample catalogue and a few sample files: menus for several selections, a pick that writes\n"
-      "a request, a stale pick, the fallback menu, a broken catalogue, and the log file.");
+      "the sample catalogue and a few sample files: menus for several selections, a pick whose request\n"
+      "the sample host app takes (when the tool runs from the build tree), a stale pick, the fallback\n"
+      "menu, a broken catalogue, and the log file.");
   command->add_flag("--keep", *keep, "leave the temporary container and files behind and say where");
   int& exitCode = registry.exitCode;
   command->callback([keep, &exitCode] {

@@ -14,19 +14,9 @@ constexpr const char* kDescription =
     "by a host app.";
 
 std::string footer() {
-  std::string text =
-      "\nShared container: the directory the extension and the host app share. It holds\n"
-      "\"capabilities.json\" (written by the host app), \"finder-extension.log\" and the \"requests\"\n"
-      "directory. On Linux it is $XDG_DATA_HOME/";
-  text += palvin::ids::kAppGroupIdentifier;
-  text +=
-      ", or ~/.local/share/";
-  text += palvin::ids::kAppGroupIdentifier;
-  text +=
-      " when\nXDG_DATA_HOME is unset.\n\n"
-      "Exit codes: 0 success; 1 the input was read but is unusable (check); 2 bad arguments,\n"
-      "or an input that can't be read or decoded.\n";
-  return text;
+  return "\n" + palvin::tool::sharedContainerHelp() +
+         "\nExit codes: 0 success; 1 the input was read but is unusable (check, requests); 2 bad\n"
+         "arguments, or an input that can't be read or decoded.\n";
 }
 
 std::string versionText() {
@@ -63,6 +53,8 @@ int main(int argc, char** argv) {
   palvin::tool::registerCheckCommand(registry);
   palvin::tool::registerMenuCommand(registry);
   palvin::tool::registerExplainCommand(registry);
+  palvin::tool::registerRequestsCommand(registry);
+  palvin::tool::registerLogCommand(registry);
   palvin::tool::registerDemoCommand(registry);
 
   auto usage = [&app] {

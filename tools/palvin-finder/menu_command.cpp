@@ -21,6 +21,7 @@ namespace {
 struct MenuOptions {
   std::string container;
   std::string appearance;
+  std::string bundle;
   std::optional<std::int64_t> pick;
   bool openHostApp = false;
   bool interactive = false;
@@ -127,6 +128,7 @@ int runMenu(const MenuOptions& options) {
   LinuxPlatform::Options platformOptions;
   if (!options.container.empty()) platformOptions.container = absolutePath(options.container);
   if (!options.appearance.empty()) platformOptions.appearance = options.appearance;
+  if (!options.bundle.empty()) platformOptions.bundlePath = absolutePath(options.bundle);
   platformOptions.stringsDirectory = PALVIN_STRINGS_DIR;
   LinuxPlatform platform(platformOptions);
   std::vector<std::string> selection;
@@ -188,6 +190,9 @@ void registerMenuCommand(Registry registry) {
   command->add_flag("--interactive,-i", options->interactive, "choose an item with the arrow keys or its number");
   command->add_option("--appearance", options->appearance,
                       "what the appearance setting reads, e.g. Dark (category icons are tinted white)");
+  command->add_option("--bundle", options->bundle,
+                      "the extension's bundle directory, where the search for the host app starts\n"
+                      "(default: the directory of this executable)");
   command->add_option("paths", options->paths, "selected files and folders, in selection order")->required();
   command->footer("\nExit codes: 0 the menu was built (whatever it offers); 2 bad arguments or a PATH that does not exist.");
   int& exitCode = registry.exitCode;

@@ -3,7 +3,9 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <csignal>
 #include <iosfwd>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -28,6 +30,8 @@ void registerPlanCommand(Registry registry);
 void registerCheckCommand(Registry registry);
 void registerMenuCommand(Registry registry);
 void registerExplainCommand(Registry registry);
+void registerRequestsCommand(Registry registry);
+void registerLogCommand(Registry registry);
 void registerDemoCommand(Registry registry);
 
 // The plan as a readable tree (plan and explain share it).
@@ -49,5 +53,39 @@ struct Style {
   std::string cyan(std::string_view s) const;
 };
 Style styleForStdout();
+
+// The --help paragraph on the shared container and where it lies on Linux.
+std::string sharedContainerHelp();
+
+inline constexpr std::string_view kNoContainer =
+    "no shared container: set XDG_DATA_HOME or HOME, or pass --container";
+
+// The shared container: `option` (--container) made absolute when given,
+// otherwise the platform's default; nothing when there is neither.
+std::optional<std::string> resolveContainer(const std::string& option);
+
+// Follows one directory's entries with inotify until a time limit passes or
+// SIGINT/SIGTERM arrives; both end run() normally instead of the process.
+class DirectoryWatch {
+ public:
+  // Blocks SIGINT and SIGTERM from here on, so that run() receives them.
+  static Result<std::unique_ptr<DirectoryWatch>> start(const std::string& directory,
+                                                       std::uint32_t inotifyEvents);
+  ~DirectoryWatch();
+  DirectoryWatch(const DirectoryWatch&) = delete;
+  DirectoryWatch& operator=(const DirectoryWatch&) = delete;
+
+  // Calls `onChange` with the names of the entries that changed, once per
+  // batch of events; an empty name means events were lost. False when it
+  // stopped because the directory was removed or moved away.
+  bool run(std::optional<double> timeoutSeconds,
+           const std::function<void(const std::vector<std::string>&)>& onChange);
+
+ private:
+  DirectoryWatch(int inotifyFd, int signalFd, sigset_t previousMask);
+  int inotifyFd_;
+  int signalFd_;
+  sigset_t previousMask_;
+};
 
 }  // namespace palvin::tool

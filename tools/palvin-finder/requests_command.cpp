@@ -1,0 +1,187 @@
+// palvin-finder requests: the request directory as the host app reads it,
+// optionally watched for new requests.
+#include <sys/inotify.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <set>
+
+#include "platform/platform.h"
+#include "requests/request.h"
+#include "shared/json_writer.h"
+#include "shared/log.h"
+#include "shared/paths.h"
+#include "tool.h"
+
+namespace palvin::tool {
+namespace {
+
+struct RequestsOptions {
+  std::string container;
+  bool watch = false;
+  std::optional<double> timeout;
+};
+
+struct RequestFile {
+  std::string name;
+  std::optional<FileTime> modified;  // none when the file can't be examined
+};
+
+// Atomic writes pass through a temporary file whose name starts with a dot.
+bool isRequestFileName(std::string_view name) {
+  return name.size() > 5 && name.front() != '.' && name.ends_with(".json");
+}
+
+RequestFile requestFile(const std::string& directory, const std::string& name) {
+  auto modified = currentPlatform().modificationDate(paths::join(directory, name));
+  return RequestFile{name, modified.ok() ? std::optional<FileTime>(*modified) : std::nullopt};
+}
+
+// Oldest first, the name breaking ties, as the host app takes them.
+Result<std::vector<RequestFile>> listRequestFiles(const std::string& directory) {
+  std::error_code error;
+  std::filesystem::directory_iterator it(directory, error);
+  if (error) return Error{directory + ": " + error.message()};
+  std::vector<RequestFile> files;
+  for (; it != std::filesystem::directory_iterator(); it.increment(error)) {
+    std::string name = it->path().filename().string();
+    std::error_code ignored;
+    if (isRequestFileName(name) && !it->is_directory(ignored)) files.push_back(requestFile(directory, name));
+  }
+  if (error) return Error{directory + ": " + error.message()};
+  std::sort(files.begin(), files.end(), [](const RequestFile& a, const RequestFile& b) {
+    FileTime ta = a.modified.value_or(FileTime{});
+    FileTime tb = b.modified.value_or(FileTime{});
+    return std::tie(ta.seconds, ta.nanoseconds, a.name) < std::tie(tb.seconds, tb.nanoseconds, b.name);
+  });
+  return files;
+}
+
+std::string timestamp(FileTime t) {
+  using namespace std::chrono;
+  auto since = duration_cast<system_clock::duration>(seconds(t.seconds) + nanoseconds(t.nanoseconds));
+  return FinderLog::formatTimestamp(system_clock::time_point(since));
+}
+
+// False when the file does not hold a valid request.
+bool printRequest(const Style& style, const std::string& directory, const RequestFile& file) {
+  std::cout << style.bold(json::toValidUtf8(file.name));
+  if (file.modified) std::cout << "  " << style.dim(timestamp(*file.modified));
+  std::cout << '\n';
+  auto bytes = currentPlatform().readFile(paths::join(directory, file.name));
+  auto request = bytes.ok() ? FinderConversionRequest::decode(*bytes) : Error{bytes.error()};
+  if (!request.ok()) {
+    std::cout << "  " << style.red("invalid") << ": " << json::toValidUtf8(request.error()) << '\n';
+    return false;
+  }
+  std::cout << "  to " << style.cyan(json::toValidUtf8(request->targetFormatId)) << ", "
+            << request->files.size() << " file(s)\n";
+  for (const auto& ref : request->files) {
+    std::cout << "    " << json::toValidUtf8(ref.path) << "  "
+              << style.dim("(" + json::toValidUtf8(ref.sourceFormatId) + ")") << '\n';
+  }
+  return true;
+}
+
+int runRequests(const RequestsOptions& options) {
+  auto container = resolveContainer(options.container);
+  if (!container) {
+    std::cerr << "palvin-finder requests: " << kNoContainer << '\n';
+    return kExitUsage;
+  }
+  std::string directory = requestDirectory(*container);
+  Style style = styleForStdout();
+  struct stat info {};
+  bool exists = stat(directory.c_str(), &info) == 0;
+  if (exists && !S_ISDIR(info.st_mode)) {
+    std::cerr << "palvin-finder requests: " << directory << " is not a directory\n";
+    return kExitUsage;
+  }
+  if (!exists) {
+    std::cout << "No requests yet: " << directory << " does not exist.\n";
+    if (!options.watch) return kExitOk;
+    if (auto created = currentPlatform().createDirectories(directory); !created.ok()) {
+      std::cerr << "palvin-finder requests: " << created.error() << '\n';
+      return kExitUsage;
+    }
+  }
+  // Watch before listing, so that nothing arriving in between is missed.
+  std::unique_ptr<DirectoryWatch> watch;
+  if (options.watch) {
+    auto started = DirectoryWatch::start(directory, IN_MOVED_TO | IN_CLOSE_WRITE);
+    if (!started.ok()) {
+      std::cerr << "palvin-finder requests: " << started.error() << '\n';
+      return kExitUsage;
+    }
+    watch = std::move(*started);
+  }
+
+  std::set<std::string> shown;
+  bool invalid = false;
+  auto showUnseen = [&](const std::vector<RequestFile>& files) {
+    for (const auto& file : files) {
+      if (shown.insert(file.name).second && !printRequest(style, directory, file)) invalid = true;
+    }
+    std::cout.flush();
+  };
+  if (exists) {
+    auto files = listRequestFiles(directory);
+    if (!files.ok()) {
+      std::cerr << "palvin-finder requests: " << files.error() << '\n';
+      return kExitUsage;
+    }
+    if (files->empty()) {
+      std::cout << "No requests in " << directory << ".\n";
+    } else {
+      std::cout << files->size() << " request file(s) in " << directory << ", oldest first:\n";
+    }
+    showUnseen(*files);
+  }
+  if (!watch) return invalid ? kExitFindings : kExitOk;
+
+  std::cout << style.dim("Watching " + directory + " for new requests (Ctrl-C to stop).") << '\n'
+            << std::flush;
+  bool stillThere = watch->run(options.timeout, [&](const std::vector<std::string>& names) {
+    for (const auto& name : names) {
+      if (name.empty()) {  // events were lost: look at everything again
+        if (auto files = listRequestFiles(directory); files.ok()) showUnseen(*files);
+      } else if (isRequestFileName(name)) {
+        showUnseen({requestFile(directory, name)});
+      }
+    }
+  });
+  if (!stillThere) std::cerr << "palvin-finder requests: " << directory << " was removed or moved away\n";
+  return invalid ? kExitFindings : kExitOk;
+}
+
+}  // namespace
+
+void registerRequestsCommand(Registry registry) {
+  auto options = std::make_shared<RequestsOptions>();
+  CLI::App* command = registry.app.add_subcommand(
+      "requests",
+      "List the request files of the shared container's \"requests\" directory as the host app\n"
+      "reads them: *.json files (names starting with a dot are temporary files of atomic writes),\n"
+      "oldest first, each with its modification time (UTC) and its decoded request: the target\n"
+      "format and every file's path and source format, or why it can't be decoded.");
+  command
+      ->add_option("--container", options->container,
+                   "shared container directory (default: $XDG_DATA_HOME/<app group>)")
+      ->type_name("DIR");
+  auto* watch = command->add_flag("--watch", options->watch,
+                                  "then print each new request as it arrives, until interrupted (Ctrl-C)");
+  command->add_option("--timeout", options->timeout, "with --watch: stop after SECONDS")
+      ->type_name("SECONDS")
+      ->check(CLI::PositiveNumber)
+      ->needs(watch);
+  command->footer("\n" + sharedContainerHelp() +
+                  "\nExit codes: 0 every request file is valid (or there are none); 1 at least one request\n"
+                  "file shown can't be read or decoded; 2 bad arguments, no shared container, or a\n"
+                  "request directory that can't be read. SIGINT and SIGTERM end --watch normally.");
+  int& exitCode = registry.exitCode;
+  command->callback([options, &exitCode] { exitCode = runRequests(*options); });
+}
+
+}  // namespace palvin::tool
