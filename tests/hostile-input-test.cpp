@@ -124,7 +124,7 @@ TEST_F(HostileInput, EachBadFileGivesTheFallbackItemAndALoggedReason) {
        [](const std::string& p) { ASSERT_EQ(::symlink("/dev/zero", p.c_str()), 0); }, "character device"},
       {"invalid UTF-8 in a label", [&](const std::string& p) { writeText(p, badUtf8); }, "UTF-8"},
       {"an exponent past the integer range",
-       [](const std::string& p) { writeText(p, "[1e9223372036854775807"); }, "out of range"},
+       [](const std::string& p) { writeText(p, "[10e9223372036854775807"); }, "out of range"},
       {"a directory", [](const std::string& p) { ASSERT_TRUE(std::filesystem::create_directory(p)); },
        "directory"},
       {"an empty file", [](const std::string& p) { writeText(p, ""); }, "empty"},
