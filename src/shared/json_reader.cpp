@@ -298,14 +298,17 @@ std::optional<SyntaxError> SyntaxScanner::number() {
     const std::string_view mantissa = token.substr(integerStart, mantissaEnd - integerStart);
     const std::size_t point = std::min(mantissa.find('.'), mantissa.size());
     const std::size_t firstSignificant = mantissa.find_first_of("123456789");
+    // Exponents are held to half the range, so that adding the digit position cannot overflow.
+    constexpr long long kLowest = std::numeric_limits<long long>::min() / 2;
+    constexpr long long kHighest = std::numeric_limits<long long>::max() / 2;
     long long exponent = 0;
     if (mantissaEnd < token.size()) {
       std::string_view e = token.substr(mantissaEnd + 1);
       if (!e.empty() && e[0] == '+') e.remove_prefix(1);
       if (std::from_chars(e.data(), e.data() + e.size(), exponent).ec != std::errc()) {
-        exponent = e[0] == '-' ? std::numeric_limits<long long>::min() / 2
-                               : std::numeric_limits<long long>::max() / 2;
+        exponent = e[0] == '-' ? kLowest : kHighest;
       }
+      exponent = std::clamp(exponent, kLowest, kHighest);
     }
     if (firstSignificant != std::string_view::npos) {
       long long position = firstSignificant < point ? static_cast<long long>(point - firstSignificant) - 1
