@@ -190,9 +190,10 @@ TEST(DisplayOrder, LocaleFromTheEnvironmentAndNameOrder) {
     EXPECT_EQ(currentCollationLocale(), expected) << expected;
   }
   // In table order, so that a collator kept across a locale change shows; xx_YY has no collation data.
+  // A precomposed letter equals its decomposition even with the marks out of canonical order.
   for (auto [locale, a, b, order] : std::vector<std::tuple<const char*, const char*, const char*, int>>{
            {"C", "Foo", "foo", 0}, {"C", "apple", "Banana", -1}, {"C", "E", "é", -1}, {"C", "é", "f", -1}, {"C", "ö", "z", -1},
-           {"C", "é", "e\xCC\x81", 0}, {"sv_SE.UTF-8", "z", "ö", -1}, {"sv_SE.UTF-8", "Ö", "ö", 0}, {"xx_YY", "ö", "z", -1}}) {
+           {"C", "\xE1\xBA\xAD", "a\xCC\x82\xCC\xA3", 0}, {"sv_SE.UTF-8", "z", "ö", -1}, {"sv_SE.UTF-8", "Ö", "ö", 0}, {"xx_YY", "ö", "z", -1}}) {
     // clang-format on
     useLocale(locale);
     EXPECT_EQ(std::clamp(compareDisplayNames(a, b), -1, 1), order) << locale << ": " << a << " vs " << b;
