@@ -176,6 +176,23 @@ TEST_F(Linux, OpenApplicationStartsAppRunWithActivationAndOnlyItsOwnContainer) {
 
 // --- Mount table ---------------------------------------------------------------
 
+TEST_F(Linux, NotificationReachesAListeningFifoAndCostsNothingWithoutOne) {
+  LinuxPlatform withContainer({.container = dir.string()});
+  withContainer.postNotification("org.example.request");  // no notify directory: nothing happens
+  fs::create_directories(dir / "notify");
+  const std::string fifo = at("notify/org.example.request");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  withContainer.postNotification("org.example.request");  // FIFO without a reader: no block, no error
+  int reader = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK);
+  ASSERT_GE(reader, 0);
+  withContainer.postNotification("org.example.request");
+  withContainer.postNotification("../escape");  // names never leave the notify directory
+  char buffer[64] = {};
+  EXPECT_EQ(::read(reader, buffer, sizeof buffer), 20);
+  EXPECT_STREQ(buffer, "org.example.request\n");
+  ::close(reader);
+}
+
 TEST(LinuxMounts, ParsesMountPointsWithEscapes) {
   std::string_view sample =
       "36 27 8:17 / /media/usb\\040stick rw - vfat /dev/sdb1 rw\n"
