@@ -211,7 +211,7 @@ TEST(CapabilitiesDecode, FromSeveralThreadsAtOnce) {
   // Decoding keeps its parser per thread; threads must not see each other's documents.
   std::atomic<int> failures = 0;
   auto work = [&] {
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 2000; ++i) {
       auto ok = FinderCapabilities::decode(text(kDoc));
       failures += !ok || *ok != base() || errorOf(with("formats", "[{}]")) != "formats[0].id: missing";
     }
