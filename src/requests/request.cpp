@@ -10,6 +10,7 @@
 #include <string>
 #include <utility>
 
+#include "shared/json_reader.h"
 #include "shared/json_writer.h"
 
 namespace palvin {
@@ -46,29 +47,8 @@ Error notUtf8(std::string field, std::string_view value) {
   return Error{std::move(field) + " is not valid UTF-8: \"" + showInvalidUtf8(value) + "\""};
 }
 
-const char* typeName(simdjson::dom::element_type type) {
-  using simdjson::dom::element_type;
-  switch (type) {
-    case element_type::ARRAY:
-      return "array";
-    case element_type::OBJECT:
-      return "object";
-    case element_type::INT64:
-    case element_type::UINT64:
-    case element_type::DOUBLE:
-      return "number";
-    case element_type::STRING:
-      return "string";
-    case element_type::BOOL:
-      return "boolean";
-    case element_type::NULL_VALUE:
-      return "null";
-  }
-  return "value";
-}
-
 Error wrongType(const std::string& path, const char* expected, simdjson::dom::element value) {
-  return Error{path + ": expected " + expected + ", found " + typeName(value.type())};
+  return Error{path + ": expected " + expected + ", found " + std::string(json::typeName(value.type()))};
 }
 
 // The value of the last member named `key`, or nothing. A repeated member
@@ -136,15 +116,12 @@ Result<std::string> FinderConversionRequest::encode() const {
 }
 
 Result<FinderConversionRequest> FinderConversionRequest::decode(std::string_view bytes) {
-  simdjson::dom::parser parser;
-  simdjson::padded_string padded(bytes);
-  simdjson::dom::element root;
-  if (auto code = parser.parse(padded).get(root); code != simdjson::SUCCESS) {
-    return Error{std::string("invalid JSON: ") + simdjson::error_message(code)};
-  }
+  auto parsed = json::parseDocument(bytes);
+  if (!parsed.ok()) return Error{parsed.error()};
+  simdjson::dom::element root = *parsed;
   simdjson::dom::object top;
   if (root.get(top) != simdjson::SUCCESS) {
-    return Error{std::string("expected object at the top level, found ") + typeName(root.type())};
+    return Error{"(root): expected object, found " + std::string(json::typeName(root.type()))};
   }
 
   FinderConversionRequest request;

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# The whole test suite under AddressSanitizer and UndefinedBehaviorSanitizer,
+# then the tests that run threads (the log, the store and sender with the
+# log's queue, the controller, hostile files rewritten during loads) under
+# ThreadSanitizer. Any report fails the run.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs="$(nproc)"
+bash scripts/deps.sh
+
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1:detect_stack_use_after_return=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer: every test"
+cmake --preset asan >/dev/null
+cmake --build --preset asan -j "$jobs"
+ctest --preset asan -j "$jobs"
+
+threaded=(log-test log-stress-test capability-store-test request-sender-test hostile-input-test)
+# The controller's test, where the tree has one.
+if grep -q 'palvin_add_test(finder-sync-test)' tests/CMakeLists.txt; then threaded+=(finder-sync-test); fi
+
+echo "== ThreadSanitizer: ${threaded[*]}"
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan -j "$jobs" --target "${threaded[@]}"
+pattern="^($(IFS='|'; echo "${threaded[*]}"))\$"
+ctest --preset tsan -j "$jobs" -R "$pattern"
