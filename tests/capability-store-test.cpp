@@ -148,7 +148,7 @@ TEST(CapabilityStoreOnLinux, CachesByTheRealModificationTimeToTheNanosecond) {
   EXPECT_FALSE(store.load());
   EXPECT_EQ(store.cached(), second);
   FinderLog::flush();
-  std::string log = testing::readWholeFile(dir.file("finder-extension.log"));
+  std::string log = testing::readText(dir.file("finder-extension.log"));
   EXPECT_NE(log.find(kDecodeFailed + path + ": is a FIFO"), std::string::npos) << log;
 }
 

@@ -15,7 +15,7 @@ namespace palvin {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::readWholeFile;
+using testing::readText;
 
 const std::string kExample = PALVIN_SOURCE_DIR "/examples/capabilities.json";
 
@@ -30,7 +30,7 @@ std::size_t waiting(const std::string& directory) {
 
 // The number of conversions noted in a result file.
 std::size_t notes(const std::string& result) {
-  std::string text = readWholeFile(result);
+  std::string text = readText(result);
   return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
@@ -42,7 +42,7 @@ TEST(HostApp, PickFromTheBuildTreeStartsTheHostAppWhichConsumesTheRequest) {
   testing::TempDir dir;
   const std::string container = dir.file("container"), requests = container + "/requests";
   // Newer than the host app's own catalogue, so it stays.
-  const std::string catalogue = dir.write("container/capabilities.json", readWholeFile(kExample) + " ");
+  const std::string catalogue = dir.write("container/capabilities.json", readText(kExample) + " ");
   const std::string photo = dir.write("Files/photo.png", "x");
 
   // Through the link at the top of the build tree: the tool still knows its
@@ -64,7 +64,7 @@ TEST(HostApp, PickFromTheBuildTreeStartsTheHostAppWhichConsumesTheRequest) {
   ASSERT_TRUE(done());
   EXPECT_EQ(notes(result), 1u);
   EXPECT_FALSE(fs::exists(requests + "/failed"));
-  EXPECT_EQ(readWholeFile(catalogue), readWholeFile(kExample) + " ");
+  EXPECT_EQ(readText(catalogue), readText(kExample) + " ");
 }
 
 // Every request once, by whichever instance claims it first; a bad one is set
@@ -99,12 +99,12 @@ TEST(HostApp, TwoInstancesTakeEveryRequestOnceAndSetBadOnesAside) {
   for (const auto& source : sources) EXPECT_EQ(notes(source + ".webp.txt"), 1u) << source;
   EXPECT_EQ(notes(sources[0] + ".gif.txt"), 1u);
   EXPECT_TRUE(fs::is_empty(requests + "/processing"));
-  EXPECT_EQ(readWholeFile(requests + "/failed/bad.json"), wrongType);
+  EXPECT_EQ(readText(requests + "/failed/bad.json"), wrongType);
   EXPECT_TRUE(fs::exists(requests + "/failed/escape.json"));
-  EXPECT_EQ(readWholeFile(requests + "/.AB12.json") + readWholeFile(requests + "/notes.txt"), "{keep");
-  EXPECT_EQ(readWholeFile(catalogue), readWholeFile(kExample));
+  EXPECT_EQ(readText(requests + "/.AB12.json") + readText(requests + "/notes.txt"), "{keep");
+  EXPECT_EQ(readText(catalogue), readText(kExample));
   // Exactly the three failures are logged, each on the line that names it.
-  const std::string log = readWholeFile(container + "/host-app.log");
+  const std::string log = readText(container + "/host-app.log");
   const std::regex error("\\[ERROR\\][^\n]*");
   EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), error), std::sregex_iterator()), 3)
       << log;

@@ -34,7 +34,7 @@ struct Watcher {
       return testing::runProgram("/bin/sh", args, {"OUT=" + out.file("out")}, [&](int p) { pid = p; });
     });
   }
-  std::string output() const { return testing::readWholeFile(out.file("out")); }
+  std::string output() const { return testing::readText(out.file("out")); }
   // Until what it printed so far ends with `text`.
   void waitForEnd(const std::string& text) const {
     for (int i = 0; i < 6000 && !(pid && output().ends_with(text)); ++i) std::this_thread::sleep_for(10ms);
@@ -116,7 +116,7 @@ TEST(ToolRequestsAndLog, WatchingShowsEachArrivalOnce) {
   for (std::ofstream out(log, std::ios::app); count < 6000; ++count) out << entry(count);
   follow.waitForEnd(entry(count - 1));  // read before the trim below can cut it off
   std::ofstream(log, std::ios::app) << entry(count++);
-  const std::string whole = testing::readWholeFile(log);
+  const std::string whole = testing::readText(log);
   fs::rename(container.write(".new", whole.substr(whole.size() - 131072)), log);
   std::ofstream(log, std::ios::app) << entry(count++);
   follow.waitForEnd(entry(count - 1));

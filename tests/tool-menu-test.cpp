@@ -12,7 +12,7 @@
 namespace palvin {
 namespace {
 
-using testing::readWholeFile;
+using testing::readText;
 using testing::runTool;
 using testing::TempDir;
 using Lines = std::vector<std::string>;
@@ -23,7 +23,7 @@ const std::string kExample = PALVIN_SOURCE_DIR "/examples/capabilities.json";
 TEST(ToolMenu, PicksWriteTheExactRequestAndTheSessionIsLogged) {
   TempDir dir;
   const std::string container = dir.path() + "/container", photo = dir.write("Files/Holiday \"1\".png", "x");
-  dir.write("container/capabilities.json", readWholeFile(kExample));
+  dir.write("container/capabilities.json", readText(kExample));
   auto stale = runTool(
       {"menu", "--container", container, "--bundle", dir.path(), "--pick", "99", dir.path() + "/Files"});
   EXPECT_EQ(stale.exitCode, 0);
@@ -37,7 +37,7 @@ TEST(ToolMenu, PicksWriteTheExactRequestAndTheSessionIsLogged) {
   const auto request = std::filesystem::directory_iterator(container + "/requests")->path();
   const std::string name = request.filename();
   EXPECT_TRUE(std::regex_match(name, std::regex("[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12}\\.json"))) << name;
-  EXPECT_EQ(readWholeFile(request), R"({"targetFormatId":"jpeg","files":[{"path":")" +
+  EXPECT_EQ(readText(request), R"({"targetFormatId":"jpeg","files":[{"path":")" +
                                         std::regex_replace(photo, std::regex("[/\"]"), "\\$&") +
                                         R"(","sourceFormatId":"png"}]})");
   // Every line's time becomes "T"; how many directories are monitored depends
@@ -45,7 +45,7 @@ TEST(ToolMenu, PicksWriteTheExactRequestAndTheSessionIsLogged) {
   const std::regex stamp(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)", std::regex::multiline),
       count("Monitoring \\d+");
   const std::string log =
-      std::regex_replace(std::regex_replace(readWholeFile(container + "/finder-extension.log"), stamp, "T"),
+      std::regex_replace(std::regex_replace(readText(container + "/finder-extension.log"), stamp, "T"),
                          count, "Monitoring N");
   const std::string launched =
       "T [INFO] FinderSync launched: " + dir.path() + "\nT [DEBUG] Monitoring N directories\n";

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "support/temp_dir.h"
+
 namespace palvin::testing {
 
 struct ToolRun {
@@ -23,23 +25,5 @@ ToolRun runProgram(const std::string& program, const std::vector<std::string>& a
 ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                 const std::function<void(int pid)>& started = {});
 
-// A fresh directory under the system's temporary directory, removed with its
-// content when the object goes.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-  // Writes `content` to `name` inside the directory and returns its path.
-  std::string write(const std::string& name, const std::string& content) const;
-
- private:
-  std::string path_;
-};
-
-std::string readWholeFile(const std::string& path);
 
 }  // namespace palvin::testing

@@ -32,6 +32,16 @@ class TempDir {
     return (std::filesystem::path(path_) / name).string();
   }
   const std::string& str() const { return path_; }
+  const std::string& path() const { return path_; }
+  std::string file(std::string_view name) const { return *this / name; }
+  // Writes `content` to `name` inside the directory, making its parents, and
+  // returns the file's path.
+  std::string write(std::string_view name, std::string_view content) const {
+    std::string path = *this / name;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    return path;
+  }
 
  private:
   std::string path_;
