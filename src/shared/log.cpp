@@ -1,5 +1,6 @@
 #include "shared/log.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <ctime>
@@ -48,15 +49,16 @@ void append(const AppendTask& task) {
   (void)handle.close();
 }
 
-// The serial queue: one worker thread, tasks in submission order.
+// The serial queue: one worker thread, tasks in submission order. The worker
+// is started by the first task after a shutdown (or ever).
 class Queue {
  public:
-  Queue() { std::thread([this] { run(); }).detach(); }
-
   void submit(AppendTask task) {
     {
       std::lock_guard lock(mutex_);
       tasks_.push_back(std::move(task));
+      // While a shutdown is under way its worker takes the task.
+      if (!worker_.joinable() && !stopping_) worker_ = std::thread([this] { run(); });
     }
     wake_.notify_one();
   }
@@ -66,11 +68,28 @@ class Queue {
     idle_.wait(lock, [this] { return tasks_.empty() && !busy_; });
   }
 
+  void shutdown() {
+    std::lock_guard serial(shutdownMutex_);
+    std::thread worker;
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+      worker = std::move(worker_);
+    }
+    wake_.notify_all();
+    if (worker.joinable()) worker.join();
+    std::lock_guard lock(mutex_);
+    stopping_ = false;
+    // Lines logged after the worker's last look still get written.
+    if (!tasks_.empty()) worker_ = std::thread([this] { run(); });
+  }
+
  private:
   void run() {
     std::unique_lock lock(mutex_);
     for (;;) {
-      wake_.wait(lock, [this] { return !tasks_.empty(); });
+      wake_.wait(lock, [this] { return !tasks_.empty() || stopping_; });
+      if (tasks_.empty()) return;
       AppendTask task = std::move(tasks_.front());
       tasks_.pop_front();
       busy_ = true;
@@ -86,17 +105,25 @@ class Queue {
     }
   }
 
+  std::mutex shutdownMutex_;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable idle_;
   std::deque<AppendTask> tasks_;
+  std::thread worker_;
   bool busy_ = false;
+  bool stopping_ = false;
 };
 
 // Made on first use and never destroyed: the worker may still be running when
 // the process exits, and waiting tasks are then simply lost.
+std::atomic<Queue*> made{nullptr};
 Queue& queue() {
-  static Queue* instance = new Queue();
+  static Queue* instance = [] {
+    auto* created = new Queue();
+    made.store(created, std::memory_order_release);
+    return created;
+  }();
   return *instance;
 }
 
@@ -161,5 +188,10 @@ void log(Level level, std::string_view message) {
 }
 
 void flush() { queue().flush(); }
+
+// A queue that was never made has nothing to end.
+void shutdown() {
+  if (Queue* existing = made.load(std::memory_order_acquire)) existing->shutdown();
+}
 
 }  // namespace palvin::FinderLog

@@ -25,6 +25,11 @@ void log(Level level, std::string_view message);
 // tests; the extension itself never waits.
 void flush();
 
+// Waits for the queued lines, then ends and joins the queue's worker thread,
+// for a host that unloads the code (a file manager's module). A later log
+// call starts a new worker.
+void shutdown();
+
 // The line as the file holds it: timestamp, " [", tag, "] ", message, "\n".
 std::string formatLine(std::chrono::system_clock::time_point when, Level level, std::string_view message);
 
