@@ -6,6 +6,8 @@ packages=(
   cmake make g++ clang libclang-rt-14-dev git pkg-config
   libsimdjson-dev libicu-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev python3
+  # The GNOME Files module and the test that runs it in a real Nautilus.
+  libnautilus-extension-dev nautilus librsvg2-common xvfb xdotool dbus imagemagick
 )
 
 missing=()
