@@ -102,7 +102,8 @@ TEST(CapabilityStore, EveryEventFromEmptyAndFromLoaded) {
       EXPECT_EQ(first, (std::array<Caps, 3>{nullptr, held, store.cached()}[static_cast<int>(row.yields)]));
 
       std::optional<FileTime> date = row.heldAfter == kD && !fromLoaded ? std::nullopt : row.heldAfter;
-      EXPECT_EQ(store.cachedModificationDate(), date);
+      const auto& key = store.cachedModificationDate();
+      EXPECT_EQ(key ? std::optional(key->modified) : std::nullopt, date);
       EXPECT_EQ(formats(store.cached()), !date ? -1 : date == kD ? 3 : 0);
 
       // Every message reaches the unified log, and the log file where there is a container.

@@ -15,10 +15,10 @@ FinderSync::FinderSync() {
   FinderLog::log(Level::info, "FinderSync launched: " + platform.bundlePath());
   refreshMonitoredDirectories();
   // Registered after the first refresh, as the platform shell does.
-  platform.observeVolumeChanges([this] { volumesChanged(); });
+  volumeObservation_ = platform.observeVolumeChanges([this] { volumesChanged(); });
 }
 
-FinderSync::~FinderSync() { currentPlatform().stopObservingVolumeChanges(); }
+FinderSync::~FinderSync() { currentPlatform().stopObservingVolumeChanges(volumeObservation_); }
 
 void FinderSync::volumesChanged() { refreshMonitoredDirectories(); }
 
@@ -62,11 +62,13 @@ Menu FinderSync::menuForMenuKind(std::uint64_t menuKind) {
     return top;
   }
 
+  // Asked once per menu: a change of the user's locale shows in the next one.
+  const std::shared_ptr<const TextRules> text = platform.textRules();
   std::vector<FinderMenuPlanner::FileInput> inputs;
   inputs.reserve(fileCount);
-  for (auto& path : files) inputs.push_back(FinderMenuPlanner::fileInputForPath(std::move(path)));
+  for (auto& path : files) inputs.push_back(FinderMenuPlanner::fileInputForPath(std::move(path), *text));
 
-  std::optional<FinderMenuPlanner::Plan> plan = FinderMenuPlanner::plan(*capabilities, inputs);
+  std::optional<FinderMenuPlanner::Plan> plan = FinderMenuPlanner::plan(*capabilities, inputs, *text);
   if (!plan) {
     FinderLog::log(Level::debug, "No Convert menu for selection of " + std::to_string(fileCount) + " file(s)");
     return top;
@@ -120,7 +122,8 @@ std::optional<SymbolImage> FinderSync::paletteSymbolImage(const std::string& sym
   Platform& platform = currentPlatform();
   // Read on every call: the user may switch appearance between two menus.
   std::optional<std::string> style = platform.userDefaultString("AppleInterfaceStyle");
-  PaletteColor color = style && text::lowercase(*style) == "dark" ? PaletteColor::white : PaletteColor::black;
+  PaletteColor color =
+      style && platform.textRules()->lowercase(*style) == "dark" ? PaletteColor::white : PaletteColor::black;
   if (!platform.hasSymbolImage(symbolName)) return std::nullopt;
   return SymbolImage{symbolName, accessibilityDescription, color};
 }

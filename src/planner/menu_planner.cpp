@@ -7,9 +7,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include "planner/display_order.h"
 #include "shared/paths.h"
-#include "shared/text.h"
 
 namespace palvin::FinderMenuPlanner {
 
@@ -31,10 +29,9 @@ using IdSet = std::unordered_set<std::string_view>;
 
 // Display-name order; names that compare the same fall back to the format id
 // so the menu does not depend on hash-set iteration order.
-std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats,
-                                      const DisplayNameCollator& collator) {
-  std::sort(formats.begin(), formats.end(), [&collator](const Format* a, const Format* b) {
-    const int order = collator.compare(a->displayName, b->displayName);
+std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats, const TextRules& text) {
+  std::sort(formats.begin(), formats.end(), [&text](const Format* a, const Format* b) {
+    const int order = text.compareDisplayNames(a->displayName, b->displayName);
     if (order != 0) return order < 0;
     return a->id < b->id;
   });
@@ -46,7 +43,8 @@ std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats,
 
 }  // namespace
 
-std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs) {
+std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs,
+                         const TextRules& text) {
   if (inputs.empty()) return std::nullopt;
   const auto& extensionToFormatId = capabilities.extensionToFormatId;
 
@@ -132,11 +130,9 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
     targetsByCategory[found->second->category].push_back(found->second);
   }
 
-  const DisplayNameCollator& collator = DisplayNameCollator::current();
-
   if (sourceCategory) {
     const auto found = targetsByCategory.find(*sourceCategory);
-    if (found != targetsByCategory.end()) result.inlineTargets = sortedTargets(found->second, collator);
+    if (found != targetsByCategory.end()) result.inlineTargets = sortedTargets(found->second, text);
   }
 
   // Nested categories in catalogue order. Categories the catalogue does not
@@ -160,17 +156,15 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
   for (const Nested& group : nested) {
     const Category& category = *group.entry->category;
     result.groups.push_back(
-        CategoryGroup{category.id, category.label, category.icon, sortedTargets(*group.formats, collator)});
+        CategoryGroup{category.id, category.label, category.icon, sortedTargets(*group.formats, text)});
   }
 
   if (result.inlineTargets.empty() && result.groups.empty()) return std::nullopt;
   return result;
 }
 
-std::string extensionForPath(std::string_view path) { return text::lowercase(paths::extension(path)); }
-
-FileInput fileInputForPath(std::string path) {
-  std::string ext = extensionForPath(path);
+FileInput fileInputForPath(std::string path, const TextRules& text) {
+  std::string ext = text.lowercase(paths::extension(path));
   return FileInput{std::move(path), std::move(ext)};
 }
 

@@ -167,7 +167,7 @@ int runMenu(const MenuOptions& options) {
   FinderLog::flush();
   std::cout << '\n';
   printLogSince(logPath, logOffset, style);
-  if (!container) std::cout << style.yellow("No shared container: set XDG_DATA_HOME or HOME, or pass --container.\n");
+  if (!container) std::cout << style.yellow("No shared container: pass --container, or set PALVIN_SHARED_CONTAINER, XDG_DATA_HOME or HOME.\n");
   installPlatform(previous);
   return kExitOk;
 }
