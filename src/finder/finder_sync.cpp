@@ -3,6 +3,7 @@
 #include <unordered_set>
 
 #include "platform/platform.h"
+#include "shared/json_writer.h"
 #include "shared/log.h"
 #include "shared/text.h"
 
@@ -60,6 +61,16 @@ Menu FinderSync::menuForMenuKind(std::uint64_t menuKind) {
     fallback.action = MenuAction::openHostApp;
     top.items.push_back(std::move(fallback));
     return top;
+  }
+
+  // A request names its files in JSON, which holds UTF-8 only, so a pick for a
+  // name that is not UTF-8 (possible on Linux) is sure to fail: such a
+  // selection gets no Convert menu, as one unrecognised file withholds it.
+  for (const auto& path : files) {
+    if (!json::isValidUtf8(path)) {
+      FinderLog::log(Level::warn, "No Convert menu: a selected name is not valid UTF-8: " + json::toValidUtf8(path));
+      return top;
+    }
   }
 
   // Asked once per menu: a change of the user's locale shows in the next one.
