@@ -79,7 +79,7 @@ Menu FinderSync::menuForMenuKind(std::uint64_t menuKind) {
   inputs.reserve(fileCount);
   for (auto& path : files) inputs.push_back(FinderMenuPlanner::fileInputForPath(std::move(path), *text));
 
-  std::optional<FinderMenuPlanner::Plan> plan = FinderMenuPlanner::plan(*capabilities, inputs, *text);
+  std::optional<FinderMenuPlanner::Plan> plan = FinderMenuPlanner::plan(*capabilities, std::move(inputs), *text);
   if (!plan) {
     FinderLog::log(Level::debug, "No Convert menu for selection of " + std::to_string(fileCount) + " file(s)");
     return top;
