@@ -200,7 +200,7 @@ void HostApp::installCapabilities() {
     return;
   }
   auto theirs = platform_.modificationDate(installed);
-  if (theirs.ok() && !isOlder(*theirs, *ours)) return;
+  if (theirs.ok() && !isOlder(theirs->modified, ours->modified)) return;
   auto bytes = platform_.readFile(bundled);
   Status written =
       bytes.ok() ? platform_.writeFileAtomically(installed, *bytes) : Status(Error{bytes.error()});

@@ -1,6 +1,5 @@
 #include "shared/log.h"
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <ctime>
@@ -37,27 +36,39 @@ void append(const AppendTask& task) {
   WritableFile& handle = **file;
   auto end = handle.seekToEnd();
   std::uint64_t offset = end.ok() ? *end : 0;
-  (void)handle.write(task.line);
-  if (offset + task.line.size() > kTrimThreshold) {
-    auto content = platform.readFile(task.path);
-    if (content.ok()) {
-      std::string_view kept = *content;
-      if (kept.size() > kTrimKeep) kept.remove_prefix(kept.size() - kTrimKeep);
-      (void)platform.writeFileAtomically(task.path, kept);
+  // A process killed inside an append leaves the file ending in a torn line.
+  // The new line starts on a line of its own, so only the torn one is lost.
+  // One byte read per line, on this queue: callers never wait for it.
+  std::string_view line = task.line;
+  std::string fresh;
+  if (offset > 0) {
+    auto last = handle.readTail(1);
+    if (last.ok() && !last->empty() && last->back() != '\n') {
+      fresh.reserve(task.line.size() + 1);
+      fresh += '\n';
+      fresh += task.line;
+      line = fresh;
     }
+  }
+  (void)handle.write(line);
+  // Only the kept tail is read back, so a file of any size is trimmed.
+  if (offset + line.size() > kTrimThreshold) {
+    auto kept = handle.readTail(kTrimKeep);
+    if (kept.ok()) (void)platform.writeFileAtomically(task.path, *kept);
   }
   (void)handle.close();
 }
 
 // The serial queue: one worker thread, tasks in submission order. The worker
-// is started by the first task after a shutdown (or ever).
+// starts with the first task after a stop, so the log can be shut down and
+// used again.
 class Queue {
  public:
   void submit(AppendTask task) {
     {
       std::lock_guard lock(mutex_);
       tasks_.push_back(std::move(task));
-      // While a shutdown is under way its worker takes the task.
+      // During a shutdown the line waits for the worker started after it.
       if (!worker_.joinable() && !stopping_) worker_ = std::thread([this] { run(); });
     }
     wake_.notify_one();
@@ -69,10 +80,10 @@ class Queue {
   }
 
   void shutdown() {
-    std::lock_guard serial(shutdownMutex_);
     std::thread worker;
     {
-      std::lock_guard lock(mutex_);
+      std::unique_lock lock(mutex_);
+      idle_.wait(lock, [this] { return tasks_.empty() && !busy_; });
       stopping_ = true;
       worker = std::move(worker_);
     }
@@ -80,8 +91,8 @@ class Queue {
     if (worker.joinable()) worker.join();
     std::lock_guard lock(mutex_);
     stopping_ = false;
-    // Lines logged after the worker's last look still get written.
-    if (!tasks_.empty()) worker_ = std::thread([this] { run(); });
+    // A line logged during the stop is not left without a worker.
+    if (!tasks_.empty() && !worker_.joinable()) worker_ = std::thread([this] { run(); });
   }
 
  private:
@@ -105,7 +116,6 @@ class Queue {
     }
   }
 
-  std::mutex shutdownMutex_;
   std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable idle_;
@@ -117,13 +127,8 @@ class Queue {
 
 // Made on first use and never destroyed: the worker may still be running when
 // the process exits, and waiting tasks are then simply lost.
-std::atomic<Queue*> made{nullptr};
 Queue& queue() {
-  static Queue* instance = [] {
-    auto* created = new Queue();
-    made.store(created, std::memory_order_release);
-    return created;
-  }();
+  static Queue* instance = new Queue();
   return *instance;
 }
 
@@ -189,9 +194,6 @@ void log(Level level, std::string_view message) {
 
 void flush() { queue().flush(); }
 
-// A queue that was never made has nothing to end.
-void shutdown() {
-  if (Queue* existing = made.load(std::memory_order_acquire)) existing->shutdown();
-}
+void shutdown() { queue().shutdown(); }
 
 }  // namespace palvin::FinderLog

@@ -25,9 +25,8 @@ void log(Level level, std::string_view message);
 // tests; the extension itself never waits.
 void flush();
 
-// Waits for the queued lines, then ends and joins the queue's worker thread,
-// for a host that unloads the code (a file manager's module). A later log
-// call starts a new worker.
+// Waits for the lines logged so far, then ends the queue's worker thread, for
+// a host process that unloads the extension. A later log starts it again.
 void shutdown();
 
 // The line as the file holds it: timestamp, " [", tag, "] ", message, "\n".
