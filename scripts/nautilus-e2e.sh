@@ -35,7 +35,8 @@ for program in Xvfb dbus-daemon nautilus xdotool import convert unshare pkg-conf
 done
 [ -f "$module" ] || skip "the module was not built ($module)"
 # A module built with a sanitizer needs its runtime loaded first, which Nautilus is not.
-if ldd "$module" | grep -qE 'lib(a|t|ub)san'; then skip "the module is built with a sanitizer and Nautilus is not"; fi
+libraries="$(ldd "$module")"
+if grep -qE 'lib(a|t|ub)san' <<<"$libraries"; then skip "the module is built with a sanitizer and Nautilus is not"; fi
 extensions="$(pkg-config --variable=extensiondir libnautilus-extension-4)"
 namespace=(unshare --mount)
 [ "$(id -u)" -eq 0 ] || namespace=(unshare --user --map-root-user --mount)
@@ -152,7 +153,9 @@ step="starting Nautilus"
 nautilus=$!
 pids+=($nautilus)
 window=""
-find_window() { window="$(xdotool search --onlyvisible --class org.gnome.Nautilus | head -n 1)" && [ -n "$window" ]; }
+find_window() {
+  window="$(xdotool search --onlyvisible --class org.gnome.Nautilus)" && window="${window%%$'\n'*}" && [ -n "$window" ]
+}
 await 60 "Nautilus's window" find_window
 
 step="selecting photo.png"

@@ -7,7 +7,6 @@
 #include <glib-object.h>
 #include <gmodule.h>
 
-#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -99,13 +98,11 @@ void setUpPlatform() noexcept {
   }
 }
 
-// The log's queued lines name the platform, so they are written before it
-// goes; then nothing of this module is left running.
+// Only controllers log, and each provider's end has written its lines and
+// ended the log's worker (endShell), so no queued line still names the
+// platform. (Shutting the log down here would make its queue only to leave
+// it behind in an unloaded module.)
 void tearDownPlatform() noexcept {
-  try {
-    FinderLog::shutdown();
-  } catch (...) {
-  }
   if (gPlatform == nullptr) return;
   installPlatform(nullptr);
   delete std::exchange(gPlatform, nullptr);
