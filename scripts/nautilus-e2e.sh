@@ -89,6 +89,10 @@ await() {
 
 mkdir -p "$tmp"/{home,config,cache,extensions,Photos} "$tmp/data/$group"
 mkdir -m 700 "$tmp/runtime"
+# A thumbnail finished while the menu is open changes the file, and Nautilus
+# then rebuilds the open menu under the keyboard; thumbnails are turned off.
+mkdir -p "$tmp/config/glib-2.0/settings"
+printf "[org/gnome/nautilus/preferences]\nshow-image-thumbnails='never'\n" >"$tmp/config/glib-2.0/settings/keyfile"
 ln -s "$tmp/data/$group" "$tmp/container"
 container="$tmp/data/$group"
 photo="$tmp/Photos/photo.png"
@@ -123,7 +127,7 @@ await 20 "the session bus's socket" test -S "$tmp/runtime/bus"
 
 export DBUS_SESSION_BUS_ADDRESS="unix:path=$tmp/runtime/bus" HOME="$tmp/home" XDG_DATA_HOME="$tmp/data"
 export XDG_CONFIG_HOME="$tmp/config" XDG_CACHE_HOME="$tmp/cache" XDG_RUNTIME_DIR="$tmp/runtime"
-export GSETTINGS_BACKEND=memory GIO_USE_VFS=local GIO_USE_VOLUME_MONITOR=unix GDK_BACKEND=x11
+export GSETTINGS_BACKEND=keyfile GIO_USE_VFS=local GIO_USE_VOLUME_MONITOR=unix GDK_BACKEND=x11
 export GSK_RENDERER=cairo NO_AT_BRIDGE=1 GTK_A11Y=none LANG=C.UTF-8 LC_ALL=C.UTF-8
 unset PALVIN_SHARED_CONTAINER
 
@@ -162,6 +166,13 @@ step="selecting photo.png"
 # Nautilus builds the extension's menu whenever the selection changes.
 await 30 "the module to build the Convert menu for the selection" \
   grep -q "Built Convert menu: 1 file(s)" "$container/finder-extension.log"
+# Then nothing more may change under the menu: no new build for a second.
+builds() { grep -c "Built Convert menu" "$container/finder-extension.log"; }
+settled() {
+  local count
+  count="$(builds)" && sleep 1 && [ "$(builds)" = "$count" ]
+}
+await 30 "Nautilus to settle" settled
 grep -q "FinderSync launched: $tmp/Host.app/Contents/PlugIns/PalvinFinder.appex" \
   "$container/finder-extension.log" || fail "the module did not take its bundle from its own file"
 
