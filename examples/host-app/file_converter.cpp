@@ -50,7 +50,9 @@ std::optional<std::string> refuseSource(const std::string& path) {
 Result<std::string> publishOutput(const std::string& temporary, const std::string& directory,
                                   const std::string& stem, std::string_view extension) {
   for (int n = 1; n <= 9999; ++n) {
-    std::string name = stem + (n == 1 ? "" : " " + std::to_string(n)) + "." + std::string(extension);
+    std::string name = stem;
+    if (n > 1) name.append(" ").append(std::to_string(n));
+    name.append(".").append(extension);
     std::string path = paths::join(directory, name);
     int error = renameNoReplace(temporary, path);
     if (error == 0) return path;
