@@ -80,12 +80,12 @@ void handleStopSignals() {
 }
 
 // When this program was built: the catalogue's "generatedAt".
-std::string buildTime(Platform& platform) {
-  auto built = platform.modificationDate("/proc/self/exe");
-  if (!built.ok()) return "";
+std::string buildTime() {
+  struct stat info {};
+  if (::stat("/proc/self/exe", &info) != 0) return "";
   using namespace std::chrono;
-  auto since = duration_cast<system_clock::duration>(seconds(built->seconds) + nanoseconds(built->nanoseconds));
-  return FinderLog::formatTimestamp(system_clock::time_point(since));
+  auto since = seconds(info.st_mtim.tv_sec) + nanoseconds(info.st_mtim.tv_nsec);
+  return FinderLog::formatTimestamp(system_clock::time_point(duration_cast<system_clock::duration>(since)));
 }
 
 // The container's catalogue is replaced whenever it differs from the one
@@ -94,7 +94,7 @@ std::string buildTime(Platform& platform) {
 // ffmpeg being installed or removed). An equal document is left alone, so the
 // extension's cache, keyed by modification date, stays valid.
 void installCatalogue(Platform& platform, const HostLog& log, const ConverterTable& table, const std::string& container) {
-  std::string ours = table.catalogue(buildTime(platform)).encode(/*pretty=*/true) + "\n";
+  std::string ours = table.catalogue(buildTime()).encode(/*pretty=*/true) + "\n";
   std::string installed = paths::join(container, kCapabilitiesName);
   auto theirs = platform.readFile(installed);
   if (theirs.ok() && *theirs == ours) return;

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <exception>
 #include <mutex>
+#include <set>
 #include <system_error>
 #include <thread>
 
@@ -96,8 +97,11 @@ Status FinderRequestQueue::prepare() {
 
 std::size_t FinderRequestQueue::processPending() {
   std::size_t handled = 0;
+  // Each name once per call: a request that can't be moved out of
+  // processing/ (into failed/, say) would otherwise be recovered forever.
+  std::set<std::string> seen;
   for (bool found = true; found && !stopRequested();) {
-    found = recoverAbandoned(handled);
+    found = recoverAbandoned(handled, seen);
     auto names = listRequestFileNames(requests_);
     if (!names.ok()) {
       log(Level::error, "Cannot read requests: " + names.error());
@@ -106,7 +110,8 @@ std::size_t FinderRequestQueue::processPending() {
     for (const auto& name : *names) {
       if (stopRequested()) break;
       Claim claimed;
-      if (!claim(name, claimed)) continue;
+      if (seen.contains(name) || !claim(name, claimed)) continue;
+      seen.insert(name);
       found = true;
       handle(claimed);
       ++handled;
@@ -143,12 +148,13 @@ bool FinderRequestQueue::claim(const std::string& name, Claim& out) {
 
 // A claim whose lock nobody holds any more: its instance died. Returns true
 // when it took over anything.
-bool FinderRequestQueue::recoverAbandoned(std::size_t& handled) {
+bool FinderRequestQueue::recoverAbandoned(std::size_t& handled, std::set<std::string>& seen) {
   auto names = listRequestFileNames(processing_);
   if (!names.ok()) return false;
   bool any = false;
   for (const auto& name : *names) {
     if (stopRequested()) break;
+    if (!seen.insert(name).second) continue;
     const std::string path = paths::join(processing_, name);
     Claim claimed;
     claimed.name = name;

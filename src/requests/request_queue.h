@@ -25,6 +25,7 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -98,7 +99,7 @@ class FinderRequestQueue {
 
  private:
   struct Claim;
-  bool recoverAbandoned(std::size_t& handled);
+  bool recoverAbandoned(std::size_t& handled, std::set<std::string>& seen);
   bool claim(const std::string& name, Claim& out);
   void handle(Claim& claim);
   void setAside(const Claim& claim, const std::string& reason);
