@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "planner/menu_planner.h"
+#include "platform/linux_text.h"
 
 namespace {
 
@@ -124,11 +125,12 @@ class SelectedFiles {
 
 const FinderCapabilities* gCatalogue = nullptr;
 const SelectedFiles* gFiles = nullptr;
+const palvin::TextRules* gText = nullptr;
 
 std::vector<FileInput> inputsFor(const std::vector<std::string>& paths) {
   std::vector<FileInput> inputs;
   inputs.reserve(paths.size());
-  for (const std::string& path : paths) inputs.push_back(palvin::FinderMenuPlanner::fileInputForPath(path));
+  for (const std::string& path : paths) inputs.push_back(palvin::FinderMenuPlanner::fileInputForPath(path, *gText));
   return inputs;
 }
 
@@ -146,9 +148,9 @@ void BM_Stat(benchmark::State& state) {
 
 void BM_Plan(benchmark::State& state) {
   const std::vector<FileInput> inputs = inputsFor(gFiles->paths());
-  if (!palvin::FinderMenuPlanner::plan(*gCatalogue, inputs)) state.SkipWithError("no plan for the selection");
+  if (!palvin::FinderMenuPlanner::plan(*gCatalogue, inputs, *gText)) state.SkipWithError("no plan for the selection");
   for (auto _ : state) {
-    auto plan = palvin::FinderMenuPlanner::plan(*gCatalogue, inputs);
+    auto plan = palvin::FinderMenuPlanner::plan(*gCatalogue, inputs, *gText);
     benchmark::DoNotOptimize(plan);
   }
   state.SetItemsProcessed(state.iterations() * kSelectedFiles);
@@ -157,7 +159,7 @@ void BM_Plan(benchmark::State& state) {
 // What the menu does: take each path's extension, then plan.
 void BM_ExtensionAndPlan(benchmark::State& state) {
   for (auto _ : state) {
-    auto plan = palvin::FinderMenuPlanner::plan(*gCatalogue, inputsFor(gFiles->paths()));
+    auto plan = palvin::FinderMenuPlanner::plan(*gCatalogue, inputsFor(gFiles->paths()), *gText);
     benchmark::DoNotOptimize(plan);
   }
   state.SetItemsProcessed(state.iterations() * kSelectedFiles);
@@ -167,7 +169,7 @@ void BM_ExtensionAndPlan(benchmark::State& state) {
 void BM_PlanOneFile(benchmark::State& state) {
   const std::vector<FileInput> inputs = inputsFor({gFiles->paths().front()});
   for (auto _ : state) {
-    auto plan = palvin::FinderMenuPlanner::plan(*gCatalogue, inputs);
+    auto plan = palvin::FinderMenuPlanner::plan(*gCatalogue, inputs, *gText);
     benchmark::DoNotOptimize(plan);
   }
 }
@@ -190,6 +192,8 @@ int main(int argc, char** argv) {
   }
   gCatalogue = &catalogue;
   gFiles = &files;
+  const auto text = palvin::linux_text::currentRules();
+  gText = text.get();
 
   palvin::bench::RecordingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);

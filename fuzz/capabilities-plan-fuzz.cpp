@@ -8,6 +8,7 @@
 #include "catalogue/capabilities.h"
 #include "fuzz_check.h"
 #include "planner/menu_planner.h"
+#include "platform/linux_text.h"
 
 namespace {
 
@@ -81,15 +82,16 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   auto capabilities = FinderCapabilities::decode(input.substr(0, split));
   if (!capabilities.ok()) return 0;
 
+  const auto text = linux_text::currentRules();
   std::vector<FinderMenuPlanner::FileInput> inputs;
   std::string_view rest = input.substr(split + 1);
   while (!rest.empty()) {
     const std::size_t end = std::min(rest.find('\n'), rest.size());
-    inputs.push_back(FinderMenuPlanner::fileInputForPath(std::string(rest.substr(0, end))));
+    inputs.push_back(FinderMenuPlanner::fileInputForPath(std::string(rest.substr(0, end)), *text));
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
 
-  auto plan = FinderMenuPlanner::plan(*capabilities, inputs);
+  auto plan = FinderMenuPlanner::plan(*capabilities, inputs, *text);
   if (plan) checkPlan(*capabilities, inputs, *plan);
   if (inputs.empty()) FUZZ_CHECK(!plan);
   return 0;

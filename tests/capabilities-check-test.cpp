@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "catalogue/capabilities_check.h"
+#include "platform/linux_text.h"
 
 namespace palvin {
 namespace {
@@ -77,7 +78,7 @@ TEST(CapabilitiesCheck, FindingsInOrder) {
         R"(W ["x-y"].k | )" + repeated("k")}},
   };
   for (const Case& c : cases) {
-    const CapabilityCheckReport report = checkCapabilities(c.document);
+    const CapabilityCheckReport report = checkCapabilities(c.document, *linux_text::currentRules());
     std::vector<std::string> findings;
     for (const auto& f : report.findings)
       findings.push_back((f.severity == CapabilityFinding::Severity::error ? "E " : "W ") + f.path + " | " +

@@ -105,6 +105,8 @@ TEST(FinderSyncMenu, WholeMenuAndStateForEachKindOfSelection) {
            {std::nullopt, 0, none, {}, {}, {}},
            {Lines{"/dir/a", "/dir/b.png"}, 0, none, {}, {}, {}},
            {Lines{"/x/a.png", "/x/b.wav", "/x/c.png"}, 0, none, {}, {}, {kLoaded, kNoPlan + "3 file(s)"}},
+           // A request could not name this file: no pick that is sure to fail.
+           {Lines{"/x/b.png", "/x/\xFF.png"}, 0, none, {}, {}, {kLoaded, "[WARN] No Convert menu: a selected name is not valid UTF-8: /x/\xEF\xBF\xBD.png"}},
            {kPng, 1, none, kMovTags, {{"/x/m.mov", "mov"}}, {}},   // the folder's own menu
            {kPng, 99, none, kMovTags, {{"/x/m.mov", "mov"}}, {}}}) {  // a kind the platform may add
     // clang-format on
@@ -149,7 +151,7 @@ TEST(FinderSyncSession, LogFromLaunchToRequestStalePicksFallbackAndMounts) {
   const Files files = {{"/x/b.png", "png"}, {"/x/a.png", "png"}};
   const std::string stale = "[WARN] convertAction: stale menu state for tag ", fallback = "Palvin einrichten";
   w.fake.translations["Convert with Palvin \xE2\x80\x94 open to set up"] = fallback;
-  w.fake.volumes = Lines{"/", "/mnt/a", "/mnt/a"};
+  w.fake.volumes = Lines{"/", "/mnt/a", "/mnt/b", "/mnt/a"};
   w.sync().convertAction(1);
   w.menuFor(Lines{"/x/b.png", "/x/a.png"});
   w.sync().convertAction(2);
@@ -172,7 +174,7 @@ TEST(FinderSyncSession, LogFromLaunchToRequestStalePicksFallbackAndMounts) {
             (FinderConversionRequest{"jpeg", files}));
   EXPECT_EQ(w.newLines(),
             (Lines{"[INFO] FinderSync launched: /Applications/Palvin.app/Contents/PlugIns/PalvinFinder.appex",
-                   "[DEBUG] Monitoring 2 directories", stale + "1", kLoaded,
+                   "[DEBUG] Monitoring 3 directories", stale + "1", kLoaded,
                    kBuilt + "2 file(s), 3 inline target(s), 1 nested categor(ies)",
                    "[INFO] User chose jpeg for 2 file(s)",
                    "[INFO] Wrote request " + requests[0].substr(20) + ": 2 file(s) \xE2\x86\x92 jpeg",
@@ -183,10 +185,28 @@ TEST(FinderSyncSession, LogFromLaunchToRequestStalePicksFallbackAndMounts) {
   EXPECT_FALSE(w.fake.launches()[0].configuration.activates);
   EXPECT_EQ(w.fake.launches()[1].bundlePath, "/Applications/Palvin.app");
   EXPECT_TRUE(w.fake.launches()[1].configuration.activates);
-  EXPECT_EQ(w.fake.monitoredHistory(), (std::vector<Lines>{{"/", "/mnt/a"}, {"/"}}));
-  EXPECT_TRUE(w.fake.observingVolumes());
+  EXPECT_EQ(w.fake.monitoredHistory(), (std::vector<Lines>{{"/", "/mnt/a", "/mnt/b"}, {"/"}}));
+  // The first set is published before mounts are watched.
+  Lines events = w.fake.events();
+  std::erase_if(events, [](const std::string& e) { return !e.starts_with("monitor") && !e.starts_with("observe"); });
+  EXPECT_EQ(events, (Lines{"monitor 3", "observe volumes", "monitor 1"}));
+}
+
+// The system makes further instances of the principal class in the same
+// process (for Open and Save panels): each observes mounts on its own, and one
+// that goes takes only its own observation with it.
+TEST(FinderSyncSession, ASurvivingControllerStillRefreshesOnMounts) {
+  World w;
+  w.sync();
+  std::optional<FinderSync> other;
+  other.emplace();
+  EXPECT_EQ(w.fake.volumeObservers(), 2u);
+  other.reset();
+  w.fake.volumes = Lines{"/mnt/b"};
+  w.fake.simulateVolumeChange();
+  EXPECT_EQ(w.fake.monitoredHistory(), (std::vector<Lines>{{"/"}, {"/"}, {"/", "/mnt/b"}}));
   w.finder.reset();
-  EXPECT_FALSE(w.fake.observingVolumes());
+  EXPECT_EQ(w.fake.volumeObservers(), 0u);
 }
 
 }  // namespace

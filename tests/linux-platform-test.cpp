@@ -1,15 +1,21 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <palvin/identifiers.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <thread>
 
+#include "finder/finder_sync.h"
 #include "platform/linux_localization.h"
 #include "platform/linux_mount_table.h"
 #include "platform/linux_platform.h"
@@ -67,7 +73,7 @@ TEST_F(Linux, ModificationDateHasNanoseconds) {
   timespec times[2] = {{1, 0}, {1700000000, 123456789}};  // access, modification
   ASSERT_EQ(::utimensat(AT_FDCWD, at("data").c_str(), times, 0), 0);
   auto date = platform.modificationDate(at("data"));
-  EXPECT_TRUE(date.ok() && *date == (FileTime{1700000000, 123456789}));
+  EXPECT_TRUE(date.ok() && *date == (ModificationDate{{1700000000, 123456789}, std::nullopt}));
   EXPECT_EQ(errorOf(platform.modificationDate(at("none"))), at("none") + ": No such file or directory");
 }
 
@@ -130,16 +136,23 @@ TEST_F(Linux, CreateDirectoriesMakesMissingParentsAndAcceptsExistingOnes) {
 
 // --- Container and launching --------------------------------------
 
+// The host app started with PALVIN_SHARED_CONTAINER, the tool and the
+// extension all take the variable first.
 TEST_F(Linux, ContainerFollowsTheEnvironmentOnEveryCallAndCreatesNothing) {
   const std::string group(ids::kAppGroupIdentifier), fallback = "/home/u/.local/share/" + group;
-  using Case = std::tuple<const char*, const char*, std::optional<std::string>>;  // XDG_DATA_HOME, HOME
-  for (const auto& [dataHome, home, expected] :
-       {Case{"/xdg/", "/home/u", "/xdg/" + group}, Case{"relative", "/home/u", fallback},
-        Case{"", "/home/u", fallback}, Case{nullptr, "", std::nullopt}, Case{nullptr, nullptr, std::nullopt},
-        Case{dir.c_str(), nullptr, at(group)}}) {
+  // PALVIN_SHARED_CONTAINER, XDG_DATA_HOME, HOME
+  using Case = std::tuple<const char*, const char*, const char*, std::optional<std::string>>;
+  for (const auto& [given, dataHome, home, expected] :
+       {Case{nullptr, "/xdg/", "/home/u", "/xdg/" + group}, Case{"/shared", "/xdg/", "/home/u", "/shared"},
+        Case{"relative", "/xdg/", "/home/u", "/xdg/" + group}, Case{"", nullptr, "/home/u", fallback},
+        Case{nullptr, "relative", "/home/u", fallback}, Case{nullptr, "", "/home/u", fallback},
+        Case{nullptr, nullptr, "", std::nullopt}, Case{nullptr, nullptr, nullptr, std::nullopt},
+        Case{"/shared", nullptr, nullptr, "/shared"}, Case{nullptr, dir.c_str(), nullptr, at(group)}}) {
+    setEnv("PALVIN_SHARED_CONTAINER", given);
     setEnv("XDG_DATA_HOME", dataHome);
     setEnv("HOME", home);
-    EXPECT_EQ(platform.containerPath(group), expected) << (dataHome ? dataHome : "-") << (home ? home : "-");
+    EXPECT_EQ(platform.containerPath(group), expected)
+        << (given ? given : "-") << " " << (dataHome ? dataHome : "-") << " " << (home ? home : "-");
   }
   EXPECT_EQ(entries(), 0u);
   EXPECT_EQ(LinuxPlatform({.container = "/given"}).containerPath(group), "/given");
@@ -153,8 +166,9 @@ std::optional<std::string> launch(LinuxPlatform& platform, const std::string& bu
   return outcome.get_future().get();
 }
 
-TEST_F(Linux, OpenApplicationStartsAppRunWithActivationAndOnlyItsOwnContainer) {
-  setEnv("PALVIN_SHARED_CONTAINER", "/stale");
+// The host app gets the container in use, whatever the caller's environment
+// held, and no variable when there is none.
+TEST_F(Linux, OpenApplicationStartsAppRunWithActivationAndTheContainerInUse) {
   setEnv("XDG_DATA_HOME", nullptr);
   setEnv("HOME", nullptr);
   const std::string appRun = at("A.app/AppRun"), record = appRun + ".done";
@@ -164,13 +178,16 @@ TEST_F(Linux, OpenApplicationStartsAppRunWithActivationAndOnlyItsOwnContainer) {
             "mv \"$0.out\" \"$0.done\"\n");
   EXPECT_EQ(launch(platform, at("B.app"), true), at("B.app/AppRun: No such file or directory"));
   fs::permissions(appRun, fs::perms::owner_exec, fs::perm_options::add);
-  for (bool activates : {true, false}) {
+  using Case = std::tuple<bool, std::optional<std::string>, const char*, std::string>;
+  for (const auto& [activates, option, variable, passed] :
+       {Case{true, at("C"), "/other", "--activate\n" + at("C")}, Case{false, std::nullopt, "/given", "/given"},
+        Case{false, std::nullopt, nullptr, "(unset)"}}) {
     fs::remove(record);
-    LinuxPlatform launcher({.container = activates ? std::optional(at("C")) : std::nullopt});
+    setEnv("PALVIN_SHARED_CONTAINER", variable);
+    LinuxPlatform launcher({.container = option});
     EXPECT_EQ(launch(launcher, at("A.app"), activates), std::nullopt);
     for (int i = 0; i < 6000 && !fs::exists(record); ++i) ::usleep(5000);
-    EXPECT_EQ(platform.readFile(record).value(),
-              appRun + "\n" + (activates ? "--activate\n" + at("C") : "(unset)") + "\n");
+    EXPECT_EQ(platform.readFile(record).value(), appRun + "\n" + passed + "\n");
   }
 }
 
@@ -211,13 +228,79 @@ TEST(LinuxMounts, ParsesMountPointsWithEscapes) {
 TEST_F(Linux, StoppingVolumeObservationReturnsAlsoAfterRestartOrWhenDestroyed) {
   std::atomic<int> calls{0};
   Watchdog guard;
-  platform.observeVolumeChanges([&] { ++calls; });
-  platform.observeVolumeChanges([&] { ++calls; });  // replaces
-  for (int i = 0; i < 2; ++i) platform.stopObservingVolumeChanges();
-  platform.observeVolumeChanges([&] { ++calls; });
+  VolumeObservation first = platform.observeVolumeChanges([&] { ++calls; });
+  VolumeObservation second = platform.observeVolumeChanges([&] { ++calls; });
+  EXPECT_NE(first, second);
+  for (int i = 0; i < 2; ++i) platform.stopObservingVolumeChanges(first);
+  platform.stopObservingVolumeChanges(second);
+  platform.observeVolumeChanges([&] { ++calls; });  // a new watcher after the last stop
   LinuxPlatform().observeVolumeChanges([] {});
-  platform.stopObservingVolumeChanges();
   EXPECT_EQ(calls, 0) << "nothing was mounted";
+}
+
+// Real mount events, in a child process with a mount namespace of its own so
+// that nothing outside sees the tmpfs. Two controllers observe and one goes:
+// the survivor alone refreshes, and an observation stopped from inside its own
+// handler is not called again. The child has no container, so it never logs
+// to a file, and reports through its exit status and a pipe.
+TEST_F(Linux, MountEventsReachEveryLiveObserverInAPrivateNamespace) {
+  int report[2];
+  ASSERT_EQ(::pipe(report), 0);
+  const std::string mountPoint = at("mnt");
+  fs::create_directory(mountPoint);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(report[0]);
+    auto finish = [&](int status, const std::string& why) {
+      (void)!::write(report[1], why.data(), why.size());
+      ::_exit(status);
+    };
+    if (::unshare(CLONE_NEWNS) != 0) finish(77, std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno));
+    if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+      finish(77, std::string("making mounts private: ") + std::strerror(errno));
+    for (const char* name : {"PALVIN_SHARED_CONTAINER", "XDG_DATA_HOME", "HOME"}) ::unsetenv(name);
+    LinuxPlatform linux;
+    installPlatform(&linux);
+    std::atomic<int> stoppedInside{0}, kept{0};
+    VolumeObservation self = 0;
+    self = linux.observeVolumeChanges([&] {
+      ++stoppedInside;
+      linux.stopObservingVolumeChanges(self);
+    });
+    linux.observeVolumeChanges([&] { ++kept; });
+    std::optional<FinderSync> gone;
+    gone.emplace();
+    FinderSync survivor;
+    gone.reset();
+    auto monitored = [&] {
+      auto dirs = linux.monitoredDirectories();
+      return std::find(dirs.begin(), dirs.end(), mountPoint) != dirs.end();
+    };
+    auto waitFor = [](auto condition) {
+      for (int i = 0; i < 500 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      return condition();
+    };
+    if (monitored()) finish(1, "the mount point was monitored before the mount");
+    if (::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0)
+      finish(77, std::string("mounting a tmpfs: ") + std::strerror(errno));
+    if (!waitFor(monitored)) finish(1, "the surviving controller did not refresh on a mount");
+    if (::umount(mountPoint.c_str()) != 0) finish(1, std::string("umount: ") + std::strerror(errno));
+    if (!waitFor([&] { return !monitored(); })) finish(1, "the surviving controller did not refresh on an unmount");
+    if (!waitFor([&] { return kept >= 2; })) finish(1, "an observer kept by another's stop missed an event");
+    if (stoppedInside != 1) finish(1, "stopped inside its handler, yet called " + std::to_string(stoppedInside) + " times");
+    finish(0, "");
+  }
+  ::close(report[1]);
+  std::string why;
+  char buffer[256];
+  for (ssize_t got; (got = ::read(report[0], buffer, sizeof buffer)) > 0;) why.append(buffer, static_cast<std::size_t>(got));
+  ::close(report[0]);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status)) << "the child ended by signal " << WTERMSIG(status);
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here: " << why;
+  EXPECT_EQ(WEXITSTATUS(status), 0) << why;
 }
 
 // --- Localised strings ------------------------------------------------------------

@@ -13,8 +13,8 @@
 #include <tuple>
 #include <vector>
 
-#include "planner/display_order.h"
 #include "planner/menu_planner.h"
+#include "platform/linux_text.h"
 
 namespace palvin {
 namespace {
@@ -45,9 +45,8 @@ TEST(ExtensionForPath, LastComponentLowerCasedWithoutTheUsersLocale) {
       {"/a/x.ÍCI", "íci"}, {"/a/x.ΟΔΟΣ", "οδος"}, {"/a/x.A\xFF\x42", "a\xFF\x62"}, {"/a/x.\xC3", "\xC3"},
       {"/a/x.\xC3\x84\xED\xA0\x80Q", "\xC3\x84\xED\xA0\x80q"}}) {
     // clang-format on
-    EXPECT_EQ(FinderMenuPlanner::extensionForPath(path), ext) << path;
+    EXPECT_EQ(FinderMenuPlanner::fileInputForPath(path, *linux_text::currentRules()), (FileInput{path, ext})) << path;
   }
-  EXPECT_EQ(FinderMenuPlanner::fileInputForPath("/a/Photo.HEIC"), (FileInput{"/a/Photo.HEIC", "heic"}));
 }
 
 // The sample catalogue the product ships: tga and tiff are not listed
@@ -79,7 +78,7 @@ void expectPlans(const std::vector<PlanCase>& cases) {
     useLocale(c.locale);
     FinderCapabilities catalogue = sampleCatalogue();
     if (c.change) c.change(catalogue);
-    EXPECT_EQ(FinderMenuPlanner::plan(catalogue, c.inputs), c.expected) << c.name;
+    EXPECT_EQ(FinderMenuPlanner::plan(catalogue, c.inputs, *linux_text::currentRules()), c.expected) << c.name;
   }
 }
 
@@ -113,6 +112,20 @@ TEST(MenuPlanner, WorkedExamplesAndInconsistentCatalogues) {
        [](auto& c) { c.formats.insert(c.formats.begin(), {{"f2", "foo", "image", ""}, {"f1", "Foo", "image", ""},
                          {"bar", "bar", "image", ""}, {"f0", "FOO", "image", ""}});
                      c.conversions["heic"] = {"f2", "png", "f1", "bar", "f0"}; }},
+      {"twenty names that compare the same: by format id", {heic}, Plan{{{"h.heic", "heic"}}, [] {
+         Items items{kPng};
+         for (int i = 0; i < 20; ++i) {
+           const std::string id = (i < 10 ? "t0" : "t") + std::to_string(i);
+           items.push_back({id, i % 3 == 0 ? "Same" : i % 3 == 1 ? "SAME" : "same"});
+         }
+         return items; }(), {}},
+       [](auto& c) {
+         c.conversions["heic"] = {"png"};
+         for (int i : {7, 19, 0, 13, 4, 11, 16, 2, 9, 18, 5, 14, 1, 10, 17, 6, 3, 12, 15, 8}) {
+           const std::string id = (i < 10 ? "t0" : "t") + std::to_string(i);
+           c.formats.insert(c.formats.begin(), {id, i % 3 == 0 ? "Same" : i % 3 == 1 ? "SAME" : "same", "image", ""});
+           c.conversions["heic"].push_back(id);
+         } }},
       {"the user's locale orders targets", {heic}, Plan{{{"h.heic", "heic"}}, {{"oak", "Oak"}, {"z", "Zebra"}, {"o", "Örn"}}, {}},
        [](auto& c) { c.formats.insert(c.formats.begin(), {{"z", "Zebra", "image", ""}, {"o", "Örn", "image", ""},
                          {"oak", "Oak", "image", ""}}); c.conversions["heic"] = {"z", "o", "oak"}; }, "sv_SE.UTF-8"},
@@ -161,7 +174,7 @@ TEST(MenuPlanner, RandomCataloguesMatchABruteForcePlan) {
       }
       // Collected in format id order, so a stable sort leaves equal names in that order.
       std::stable_sort(out.begin(), out.end(), [](const TargetItem& a, const TargetItem& b) {
-        return compareDisplayNames(a.displayName, b.displayName) < 0;
+        return linux_text::currentRules()->compareDisplayNames(a.displayName, b.displayName) < 0;
       });
       return out;
     };
@@ -174,7 +187,7 @@ TEST(MenuPlanner, RandomCataloguesMatchABruteForcePlan) {
         p.groups.push_back({category.id, category.label, category.icon, targets});
     }
     const bool offers = p.files.size() == inputs.size() && (!p.inlineTargets.empty() || !p.groups.empty());
-    ASSERT_EQ(FinderMenuPlanner::plan(c, inputs), offers ? std::optional(p) : std::nullopt) << round;
+    ASSERT_EQ(FinderMenuPlanner::plan(c, inputs, *linux_text::currentRules()), offers ? std::optional(p) : std::nullopt) << round;
     mixedPlans += offers && !p.inlineTargets.empty() && !p.groups.empty();
   }
   EXPECT_GT(mixedPlans, 60) << "the generator must exercise whole plans, not only refusals";
@@ -187,7 +200,7 @@ TEST(DisplayOrder, LocaleFromTheEnvironmentAndNameOrder) {
            {nullptr, nullptr, "de_DE.UTF-8", "de_DE"}, {nullptr, nullptr, "de_DE@euro", "de_DE"},
            {"", "sv_SE.UTF-8", "de_DE", "sv_SE"}, {"fr_CA", "sv_SE", nullptr, "fr_CA"}}) {
     useLocale(lcAll, lcCollate, lang);
-    EXPECT_EQ(currentCollationLocale(), expected) << expected;
+    EXPECT_EQ(linux_text::currentCollationLocale(), expected) << expected;
   }
   // In table order, so that a collator kept across a locale change shows; xx_YY has no collation data.
   // A precomposed letter equals its decomposition even with the marks out of canonical order.
@@ -196,7 +209,7 @@ TEST(DisplayOrder, LocaleFromTheEnvironmentAndNameOrder) {
            {"C", "\xE1\xBA\xAD", "a\xCC\x82\xCC\xA3", 0}, {"sv_SE.UTF-8", "z", "ö", -1}, {"sv_SE.UTF-8", "Ö", "ö", 0}, {"xx_YY", "ö", "z", -1}}) {
     // clang-format on
     useLocale(locale);
-    EXPECT_EQ(std::clamp(compareDisplayNames(a, b), -1, 1), order) << locale << ": " << a << " vs " << b;
+    EXPECT_EQ(std::clamp(linux_text::currentRules()->compareDisplayNames(a, b), -1, 1), order) << locale << ": " << a << " vs " << b;
   }
 }
 

@@ -68,7 +68,7 @@ TEST(ToolRequestsAndLog, EveryRunThatDoesNotWatch) {
   const std::string group(ids::kAppGroupIdentifier);
   data.write(group + "/requests/.a.json", "{");
   data.write(group + "/requests/notes.txt", "not a request");
-  const std::vector<std::string> xdg{"XDG_DATA_HOME=" + data.path()}, none{"-XDG_DATA_HOME", "-HOME"};
+  const std::vector<std::string> xdg{"XDG_DATA_HOME=" + data.path()}, none{"-XDG_DATA_HOME", "-HOME", "-PALVIN_SHARED_CONTAINER"};
   const std::string c = "--container=" + container.path();
   const std::tuple<std::vector<std::string>, std::vector<std::string>, int, std::string, std::string>
       cases[] = {

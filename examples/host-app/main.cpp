@@ -57,8 +57,8 @@ constexpr const char* kUsage =
     "              until SIGTERM or SIGINT, which finish or return the work under way\n"
     "  --activate  print what the shared container holds (the menu's \"open to set up\")\n"
     "\n"
-    "The shared container is $PALVIN_SHARED_CONTAINER, else $XDG_DATA_HOME/<app group>, else\n"
-    "~/.local/share/<app group>. Audio and video need the ffmpeg program in $PATH.\n";
+    "The shared container is $PALVIN_SHARED_CONTAINER (absolute), else $XDG_DATA_HOME/<app group>,\n"
+    "else ~/.local/share/<app group>. Audio and video need the ffmpeg program in $PATH.\n";
 
 // Written by the signal handler, read by the watch: one byte wakes it.
 int stopPipe[2] = {-1, -1};
@@ -185,13 +185,9 @@ int main(int argc, char** argv) {
   }
   limitImageDecoders();
 
-  // The extension passes its container in the environment; otherwise the
-  // usual per-user location applies, the same rule the extension follows.
-  LinuxPlatform::Options options;
-  if (const char* given = std::getenv("PALVIN_SHARED_CONTAINER"); given != nullptr && given[0] != '\0') {
-    options.container = given;
-  }
-  LinuxPlatform platform(options);
+  // The platform finds the container by the extension's own rule, including
+  // PALVIN_SHARED_CONTAINER, in which the extension passes the one it uses.
+  LinuxPlatform platform;
   installPlatform(&platform);
   auto container = platform.containerPath(ids::kAppGroupIdentifier);
   if (!container) {

@@ -1,8 +1,6 @@
 #include "catalogue/capabilities_check.h"
 
 #include <simdjson.h>
-#include <unicode/locid.h>
-#include <unicode/unistr.h>
 
 #include <cstdint>
 #include <string>
@@ -64,24 +62,14 @@ bool isIdentifier(std::string_view key) {
   return true;
 }
 
-// Selected files' extensions are lower-cased with the root locale before
-// lookup, so a key that lower-casing changes can never be found.
-bool changesWhenLowerCased(std::string_view key) {
-  icu::UnicodeString text =
-      icu::UnicodeString::fromUTF8(icu::StringPiece(key.data(), static_cast<std::int32_t>(key.size())));
-  icu::UnicodeString lower = text;
-  lower.toLower(icu::Locale::getRoot());
-  return lower != text;
-}
-
 // What a JSON value stands for in the document, which decides what is
 // checked in it. `other` values are only searched for repeated member names.
 enum class Node { other, root, categories, category, formats, format, extensionMap, conversionsMap, targets };
 
 class Walker {
  public:
-  Walker(const FinderCapabilities& catalogue, std::vector<CapabilityFinding>& findings)
-      : findings_(findings) {
+  Walker(const FinderCapabilities& catalogue, const TextRules& text, std::vector<CapabilityFinding>& findings)
+      : text_(text), findings_(findings) {
     for (const auto& format : catalogue.formats) formatIds_.insert(format.id);
     for (const auto& category : catalogue.categories) categoryIds_.insert(category.id);
   }
@@ -175,7 +163,9 @@ class Walker {
         }
         break;
       case Node::extensionMap:
-        if (changesWhenLowerCased(key)) {
+        // Selected files' extensions are lower-cased before lookup, so a key
+        // that lower-casing changes can never be found.
+        if (text_.lowercase(key) != key) {
           warn(path, "key has upper case and never matches; selected files' extensions are lower-cased");
         }
         if (!key.empty() && key.front() == '.') {
@@ -222,6 +212,7 @@ class Walker {
     }
   }
 
+  const TextRules& text_;
   std::vector<CapabilityFinding>& findings_;
   std::unordered_set<std::string> formatIds_;
   std::unordered_set<std::string> categoryIds_;
@@ -234,7 +225,7 @@ class Walker {
 
 }  // namespace
 
-CapabilityCheckReport checkCapabilities(std::string_view bytes) {
+CapabilityCheckReport checkCapabilities(std::string_view bytes, const TextRules& text) {
   CapabilityCheckReport report;
   auto decoded = FinderCapabilities::decode(bytes);
   if (!decoded) {
@@ -257,7 +248,7 @@ CapabilityCheckReport checkCapabilities(std::string_view bytes) {
   simdjson::padded_string padded(bytes);
   simdjson::dom::element root;
   if (parser.parse(padded).get(root) != simdjson::SUCCESS) return report;
-  Walker(catalogue, report.findings).walk(root, "", Node::root);
+  Walker(catalogue, text, report.findings).walk(root, "", Node::root);
   return report;
 }
 

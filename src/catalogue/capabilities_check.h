@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "shared/text.h"
+
 namespace palvin {
 
 struct CapabilityFinding {
@@ -21,6 +23,7 @@ struct CapabilityCheckReport {
   bool usable = false;                      // decodes and has schema version 1
 };
 
-CapabilityCheckReport checkCapabilities(std::string_view bytes);
+// `text` lower-cases extension keys as the menu lower-cases selected files'.
+CapabilityCheckReport checkCapabilities(std::string_view bytes, const TextRules& text);
 
 }  // namespace palvin

@@ -27,7 +27,9 @@ std::shared_ptr<const FinderCapabilities> CapabilityStore::load() {
   const std::string path = paths::join(*container, kFileName);
 
   // A missing file is the normal state before the host app's first run, so it
-  // empties the store without a word in the log.
+  // empties the store without a word in the log. A dangling link is not
+  // missing: it has a date and goes on to the read, whose failure is logged,
+  // so that the user learns why the menu is gone.
   auto modified = platform.modificationDate(path);
   if (!modified.ok()) {
     clear();

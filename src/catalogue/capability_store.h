@@ -22,13 +22,13 @@ class CapabilityStore {
 
   // What the store holds, for tests and diagnostics.
   const std::shared_ptr<const FinderCapabilities>& cached() const { return cached_; }
-  const std::optional<FileTime>& cachedModificationDate() const { return cachedModificationDate_; }
+  const std::optional<ModificationDate>& cachedModificationDate() const { return cachedModificationDate_; }
 
  private:
   void clear();
 
   std::shared_ptr<const FinderCapabilities> cached_;
-  std::optional<FileTime> cachedModificationDate_;
+  std::optional<ModificationDate> cachedModificationDate_;
 };
 
 }  // namespace palvin

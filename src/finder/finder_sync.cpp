@@ -3,6 +3,7 @@
 #include <unordered_set>
 
 #include "platform/platform.h"
+#include "shared/json_writer.h"
 #include "shared/log.h"
 #include "shared/text.h"
 
@@ -15,10 +16,10 @@ FinderSync::FinderSync() {
   FinderLog::log(Level::info, "FinderSync launched: " + platform.bundlePath());
   refreshMonitoredDirectories();
   // Registered after the first refresh, as the platform shell does.
-  platform.observeVolumeChanges([this] { volumesChanged(); });
+  volumeObservation_ = platform.observeVolumeChanges([this] { volumesChanged(); });
 }
 
-FinderSync::~FinderSync() { currentPlatform().stopObservingVolumeChanges(); }
+FinderSync::~FinderSync() { currentPlatform().stopObservingVolumeChanges(volumeObservation_); }
 
 void FinderSync::volumesChanged() { refreshMonitoredDirectories(); }
 
@@ -62,11 +63,23 @@ Menu FinderSync::menuForMenuKind(std::uint64_t menuKind) {
     return top;
   }
 
+  // A request names its files in JSON, which holds UTF-8 only, so a pick for a
+  // name that is not UTF-8 (possible on Linux) is sure to fail: such a
+  // selection gets no Convert menu, as one unrecognised file withholds it.
+  for (const auto& path : files) {
+    if (!json::isValidUtf8(path)) {
+      FinderLog::log(Level::warn, "No Convert menu: a selected name is not valid UTF-8: " + json::toValidUtf8(path));
+      return top;
+    }
+  }
+
+  // Asked once per menu: a change of the user's locale shows in the next one.
+  const std::shared_ptr<const TextRules> text = platform.textRules();
   std::vector<FinderMenuPlanner::FileInput> inputs;
   inputs.reserve(fileCount);
-  for (auto& path : files) inputs.push_back(FinderMenuPlanner::fileInputForPath(std::move(path)));
+  for (auto& path : files) inputs.push_back(FinderMenuPlanner::fileInputForPath(std::move(path), *text));
 
-  std::optional<FinderMenuPlanner::Plan> plan = FinderMenuPlanner::plan(*capabilities, inputs);
+  std::optional<FinderMenuPlanner::Plan> plan = FinderMenuPlanner::plan(*capabilities, std::move(inputs), *text);
   if (!plan) {
     FinderLog::log(Level::debug, "No Convert menu for selection of " + std::to_string(fileCount) + " file(s)");
     return top;
@@ -120,7 +133,8 @@ std::optional<SymbolImage> FinderSync::paletteSymbolImage(const std::string& sym
   Platform& platform = currentPlatform();
   // Read on every call: the user may switch appearance between two menus.
   std::optional<std::string> style = platform.userDefaultString("AppleInterfaceStyle");
-  PaletteColor color = style && text::lowercase(*style) == "dark" ? PaletteColor::white : PaletteColor::black;
+  PaletteColor color =
+      style && platform.textRules()->lowercase(*style) == "dark" ? PaletteColor::white : PaletteColor::black;
   if (!platform.hasSymbolImage(symbolName)) return std::nullopt;
   return SymbolImage{symbolName, accessibilityDescription, color};
 }

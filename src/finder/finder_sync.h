@@ -12,6 +12,7 @@
 #include "catalogue/capability_store.h"
 #include "finder/menu_model.h"
 #include "planner/menu_planner.h"
+#include "platform/platform.h"
 #include "requests/request_sender.h"
 
 namespace palvin {
@@ -32,7 +33,8 @@ class FinderSync {
   // Logs the launch, registers the monitored directories and starts
   // observing mounts and unmounts.
   FinderSync();
-  // Stops observing, so no volume event reaches a destroyed object.
+  // Stops this object's observation, so no volume event reaches it once
+  // destroyed; other controllers in the process keep theirs.
   ~FinderSync();
   FinderSync(const FinderSync&) = delete;
   FinderSync& operator=(const FinderSync&) = delete;
@@ -68,6 +70,7 @@ class FinderSync {
   FinderRequestSender requester_;
   std::map<std::int64_t, std::string> targetFormatByTag_;
   std::vector<FinderFileRef> pendingFiles_;
+  VolumeObservation volumeObservation_ = 0;
 };
 
 }  // namespace palvin

@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
 
-#include "planner/display_order.h"
 #include "shared/paths.h"
-#include "shared/text.h"
 
 namespace palvin::FinderMenuPlanner {
 
@@ -31,10 +30,9 @@ using IdSet = std::unordered_set<std::string_view>;
 
 // Display-name order; names that compare the same fall back to the format id
 // so the menu does not depend on hash-set iteration order.
-std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats,
-                                      const DisplayNameCollator& collator) {
-  std::sort(formats.begin(), formats.end(), [&collator](const Format* a, const Format* b) {
-    const int order = collator.compare(a->displayName, b->displayName);
+std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats, const TextRules& text) {
+  std::sort(formats.begin(), formats.end(), [&text](const Format* a, const Format* b) {
+    const int order = text.compareDisplayNames(a->displayName, b->displayName);
     if (order != 0) return order < 0;
     return a->id < b->id;
   });
@@ -44,9 +42,11 @@ std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats,
   return items;
 }
 
-}  // namespace
-
-std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs) {
+// With `Inputs` an rvalue the paths move into the plan: a menu for ten
+// thousand files then copies none of them.
+template <class Inputs>
+std::optional<Plan> planFor(const FinderCapabilities& capabilities, Inputs&& inputs, const TextRules& text) {
+  constexpr bool kMovePaths = !std::is_const_v<std::remove_reference_t<Inputs>> && std::is_rvalue_reference_v<Inputs&&>;
   if (inputs.empty()) return std::nullopt;
   const auto& extensionToFormatId = capabilities.extensionToFormatId;
 
@@ -60,7 +60,7 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
   IdSet seenSourceIds;
   const std::string* previousExt = nullptr;
   const std::string* sourceId = nullptr;
-  for (const FileInput& input : inputs) {
+  for (auto& input : inputs) {
     if (previousExt == nullptr || input.ext != *previousExt) {
       const auto found = extensionToFormatId.find(input.ext);
       if (found == extensionToFormatId.end()) return std::nullopt;
@@ -70,7 +70,11 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
         sourceIds.push_back(sourceId);
       }
     }
-    result.files.push_back(FinderFileRef{input.path, *sourceId});
+    if constexpr (kMovePaths) {
+      result.files.push_back(FinderFileRef{std::move(input.path), *sourceId});
+    } else {
+      result.files.push_back(FinderFileRef{input.path, *sourceId});
+    }
   }
 
   // Common targets: the intersection of every source's conversions, without
@@ -132,11 +136,9 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
     targetsByCategory[found->second->category].push_back(found->second);
   }
 
-  const DisplayNameCollator& collator = DisplayNameCollator::current();
-
   if (sourceCategory) {
     const auto found = targetsByCategory.find(*sourceCategory);
-    if (found != targetsByCategory.end()) result.inlineTargets = sortedTargets(found->second, collator);
+    if (found != targetsByCategory.end()) result.inlineTargets = sortedTargets(found->second, text);
   }
 
   // Nested categories in catalogue order. Categories the catalogue does not
@@ -160,17 +162,27 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
   for (const Nested& group : nested) {
     const Category& category = *group.entry->category;
     result.groups.push_back(
-        CategoryGroup{category.id, category.label, category.icon, sortedTargets(*group.formats, collator)});
+        CategoryGroup{category.id, category.label, category.icon, sortedTargets(*group.formats, text)});
   }
 
   if (result.inlineTargets.empty() && result.groups.empty()) return std::nullopt;
   return result;
 }
 
-std::string extensionForPath(std::string_view path) { return text::lowercase(paths::extension(path)); }
+}  // namespace
 
-FileInput fileInputForPath(std::string path) {
-  std::string ext = extensionForPath(path);
+std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs,
+                         const TextRules& text) {
+  return planFor(capabilities, inputs, text);
+}
+
+std::optional<Plan> plan(const FinderCapabilities& capabilities, std::vector<FileInput>&& inputs,
+                         const TextRules& text) {
+  return planFor(capabilities, std::move(inputs), text);
+}
+
+FileInput fileInputForPath(std::string path, const TextRules& text) {
+  std::string ext = text.lowercase(paths::extension(path));
   return FileInput{std::move(path), std::move(ext)};
 }
 

@@ -9,6 +9,7 @@
 
 #include "catalogue/capabilities.h"
 #include "requests/request.h"
+#include "shared/text.h"
 
 namespace palvin::FinderMenuPlanner {
 
@@ -39,15 +40,17 @@ struct Plan {
   bool operator==(const Plan&) const = default;
 };
 
-// Nothing means the selection gets no Convert menu.
-std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs);
+// Nothing means the selection gets no Convert menu. Targets are ordered by
+// `text`'s display-name comparison, the platform's for the current locale.
+std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs,
+                         const TextRules& text);
+// The same, moving the inputs' paths into the plan's files.
+std::optional<Plan> plan(const FinderCapabilities& capabilities, std::vector<FileInput>&& inputs,
+                         const TextRules& text);
 
-// The extension of a path as the menu takes it: the text after the last dot
-// of the last path component (empty when there is none), lower-cased by the
-// locale-independent Unicode default case mapping.
-std::string extensionForPath(std::string_view path);
-
-// A file input for a path, with its extension taken as above.
-FileInput fileInputForPath(std::string path);
+// A file input for a path as the menu takes it: the extension is the text
+// after the last dot of the last path component (empty when there is none),
+// lower-cased by `text`.
+FileInput fileInputForPath(std::string path, const TextRules& text);
 
 }  // namespace palvin::FinderMenuPlanner

@@ -18,7 +18,7 @@ class ApplePlatform final : public Platform {
   static constexpr std::uint64_t kMaxReadSize = 64ull << 20;
 
   ApplePlatform();
-  // Removes the volume observers.
+  // Removes every volume observer still registered.
   ~ApplePlatform() override;
   ApplePlatform(const ApplePlatform&) = delete;
   ApplePlatform& operator=(const ApplePlatform&) = delete;
@@ -27,7 +27,8 @@ class ApplePlatform final : public Platform {
   std::optional<std::string> containerPath(std::string_view appGroupIdentifier) override;
   bool unifiedLogEnabled(UnifiedLogType type) override;
   void unifiedLog(UnifiedLogType type, std::string_view message) override;
-  Result<FileTime> modificationDate(const std::string& path) override;
+  std::shared_ptr<const TextRules> textRules() override;
+  Result<ModificationDate> modificationDate(const std::string& path) override;
   Result<std::string> readFile(const std::string& path) override;
   Status writeFileAtomically(const std::string& path, std::string_view bytes) override;
   Status createDirectories(const std::string& path) override;
@@ -40,14 +41,15 @@ class ApplePlatform final : public Platform {
   std::optional<bool> isDirectory(const std::string& path) override;
   std::optional<std::vector<std::string>> mountedVolumePaths() override;
   void setMonitoredDirectories(const std::vector<std::string>& paths) override;
-  void observeVolumeChanges(std::function<void()> handler) override;
-  void stopObservingVolumeChanges() override;
+  VolumeObservation observeVolumeChanges(std::function<void()> handler) override;
+  void stopObservingVolumeChanges(VolumeObservation observation) override;
   std::optional<std::string> userDefaultString(std::string_view key) override;
   bool hasSymbolImage(std::string_view name) override;
   std::string localizedString(std::string_view key) override;
 
  private:
-  // The workspace observers and the handler they call; Objective-C inside.
+  // Each registration's workspace observers and the handler they call;
+  // Objective-C inside.
   struct VolumeObservers;
   std::unique_ptr<VolumeObservers> volumes_;
 };

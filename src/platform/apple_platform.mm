@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <map>
 #include <mutex>
 #include <utility>
 
@@ -104,6 +105,21 @@ class AppleWritableFile final : public WritableFile {
     }
   }
 
+  Result<std::string> readTail(std::uint64_t length) override {
+    @autoreleasepool {
+      unsigned long long end = 0;
+      NSError* error = nil;
+      if (![handle_ seekToEndReturningOffset:&end error:&error]) return Error{describe(error)};
+      const unsigned long long start = end > length ? end - length : 0;
+      if (![handle_ seekToOffset:start error:&error]) return Error{describe(error)};
+      NSData* data = [handle_ readDataUpToLength:static_cast<NSUInteger>(end - start) error:&error];
+      if (data == nil) return Error{describe(error)};
+      if (![handle_ seekToEndReturningOffset:nullptr error:&error]) return Error{describe(error)};
+      if (data.length == 0) return std::string();
+      return std::string(static_cast<const char*>(data.bytes), data.length);
+    }
+  }
+
   Status close() override {
     @autoreleasepool {
       NSError* error = nil;
@@ -116,27 +132,73 @@ class AppleWritableFile final : public WritableFile {
   NSFileHandle* handle_;
 };
 
+// Foundation's own comparison and case mapping, so that menus sort exactly as
+// the user's Finder sorts names.
+class FoundationTextRules final : public TextRules {
+ public:
+  // localizedCaseInsensitiveCompare: reads the current locale itself.
+  int compareDisplayNames(std::string_view a, std::string_view b) const override {
+    @autoreleasepool {
+      NSString* left = toNSString(a);
+      NSString* right = toNSString(b);
+      // Titles were decoded as UTF-8, so both convert; bytes order them otherwise.
+      if (left == nil || right == nil) return a < b ? -1 : (b < a ? 1 : 0);
+      switch ([left localizedCaseInsensitiveCompare:right]) {
+        case NSOrderedAscending:
+          return -1;
+        case NSOrderedDescending:
+          return 1;
+        case NSOrderedSame:
+          break;
+      }
+      return 0;
+    }
+  }
+
+  // lowercaseString is the canonical, locale-independent mapping.
+  std::string lowercase(std::string_view utf8) const override {
+    if (text::isAscii(utf8)) return text::lowercaseAscii(utf8);
+    @autoreleasepool {
+      NSString* text = toNSString(utf8);
+      if (text == nil) return text::lowercaseAscii(utf8);
+      return toString(text.lowercaseString);
+    }
+  }
+};
+
 }  // namespace
 
 struct ApplePlatform::VolumeObservers {
-  // What the observer blocks call. Shared with them, since the notification
-  // centre may release a block later than we forget it; the mutex is held
-  // during a call, so once the handler is cleared no call is still running.
+  // What one registration's blocks call. Shared with them, since the
+  // notification centre may release a block later than we forget it. The
+  // mutex is held during a call, so a stop from another thread returns only
+  // once no call is running; it is recursive so that a handler may stop its
+  // own registration, which then only marks it cancelled.
   struct Handler {
-    std::mutex mutex;
+    std::recursive_mutex mutex;
     std::function<void()> call;
+    bool cancelled = false;
   };
-  std::shared_ptr<Handler> handler = std::make_shared<Handler>();
+  struct Registration {
+    std::shared_ptr<Handler> handler;
+    id<NSObject> mount;
+    id<NSObject> unmount;
+  };
 
-  std::mutex registration;  // guards the two tokens
-  id<NSObject> mount;
-  id<NSObject> unmount;
+  std::mutex mutex;  // guards the map and the counter
+  std::map<VolumeObservation, Registration> registrations;
+  VolumeObservation next = 1;
 };
 
 ApplePlatform::ApplePlatform() : volumes_(std::make_unique<VolumeObservers>()) {}
 
 ApplePlatform::~ApplePlatform() {
-  stopObservingVolumeChanges();
+  std::vector<VolumeObservation> remaining;
+  {
+    std::lock_guard lock(volumes_->mutex);
+    for (const auto& entry : volumes_->registrations) remaining.push_back(entry.first);
+  }
+  for (VolumeObservation observation : remaining) stopObservingVolumeChanges(observation);
 }
 
 std::chrono::system_clock::time_point ApplePlatform::now() {
@@ -162,14 +224,26 @@ void ApplePlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
   os_log_with_type(unifiedLogHandle(), osLogType(type), "%{public}s", text.c_str());
 }
 
-// stat rather than NSFileModificationDate: an NSDate is a double and drops
-// the nanoseconds that tell two quick rewrites of the file apart.
-Result<FileTime> ApplePlatform::modificationDate(const std::string& path) {
+std::shared_ptr<const TextRules> ApplePlatform::textRules() {
+  static const auto rules = std::make_shared<const FoundationTextRules>();
+  return rules;
+}
+
+// lstat as attributesOfItemAtPath: does, describing a link itself, rather
+// than NSFileModificationDate: an NSDate is a double and drops the
+// nanoseconds that tell two quick rewrites of the file apart. A link's target
+// time is taken as well, so a change of either is seen.
+Result<ModificationDate> ApplePlatform::modificationDate(const std::string& path) {
   @autoreleasepool {
+    auto timeOf = [](const struct stat& info) {
+      return FileTime{static_cast<std::int64_t>(info.st_mtimespec.tv_sec),
+                      static_cast<std::int64_t>(info.st_mtimespec.tv_nsec)};
+    };
     struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) return posixError(path, errno);
-    return FileTime{static_cast<std::int64_t>(info.st_mtimespec.tv_sec),
-                    static_cast<std::int64_t>(info.st_mtimespec.tv_nsec)};
+    if (::lstat(path.c_str(), &info) != 0) return posixError(path, errno);
+    ModificationDate date{timeOf(info), std::nullopt};
+    if (S_ISLNK(info.st_mode) && ::stat(path.c_str(), &info) == 0) date.linkTarget = timeOf(info);
+    return date;
   }
 }
 
@@ -218,7 +292,8 @@ Status ApplePlatform::createDirectories(const std::string& path) {
 Result<std::unique_ptr<WritableFile>> ApplePlatform::openForWriting(const std::string& path) {
   @autoreleasepool {
     NSError* error = nil;
-    NSFileHandle* handle = [NSFileHandle fileHandleForWritingToURL:fileURL(path, NO) error:&error];
+    // For updating, since the log reads the file's tail back.
+    NSFileHandle* handle = [NSFileHandle fileHandleForUpdatingURL:fileURL(path, NO) error:&error];
     if (handle == nil) return Error{describe(error)};
     return std::unique_ptr<WritableFile>(std::make_unique<AppleWritableFile>(handle));
   }
@@ -303,18 +378,14 @@ void ApplePlatform::setMonitoredDirectories(const std::vector<std::string>& path
   }
 }
 
-void ApplePlatform::observeVolumeChanges(std::function<void()> handler) {
-  stopObservingVolumeChanges();
-  std::shared_ptr<VolumeObservers::Handler> shared = volumes_->handler;
-  {
-    std::lock_guard lock(shared->mutex);
-    shared->call = std::move(handler);
-  }
+VolumeObservation ApplePlatform::observeVolumeChanges(std::function<void()> handler) {
+  auto shared = std::make_shared<VolumeObservers::Handler>();
+  shared->call = std::move(handler);
   @autoreleasepool {
     void (^deliver)(NSNotification*) = ^(NSNotification* notification) {
       (void)notification;
       std::lock_guard lock(shared->mutex);
-      if (!shared->call) return;
+      if (shared->cancelled || !shared->call) return;
       // Delivered by AppKit; an exception must not unwind into it.
       try {
         shared->call();
@@ -322,31 +393,40 @@ void ApplePlatform::observeVolumeChanges(std::function<void()> handler) {
       }
     };
     NSNotificationCenter* center = NSWorkspace.sharedWorkspace.notificationCenter;
-    std::lock_guard lock(volumes_->registration);
-    volumes_->mount = [center addObserverForName:NSWorkspaceDidMountNotification
-                                          object:nil
-                                           queue:nil
-                                      usingBlock:deliver];
-    volumes_->unmount = [center addObserverForName:NSWorkspaceDidUnmountNotification
-                                            object:nil
-                                             queue:nil
-                                        usingBlock:deliver];
+    VolumeObservers::Registration registration{shared, nil, nil};
+    registration.mount = [center addObserverForName:NSWorkspaceDidMountNotification
+                                             object:nil
+                                              queue:nil
+                                         usingBlock:deliver];
+    registration.unmount = [center addObserverForName:NSWorkspaceDidUnmountNotification
+                                               object:nil
+                                                queue:nil
+                                           usingBlock:deliver];
+    std::lock_guard lock(volumes_->mutex);
+    const VolumeObservation observation = volumes_->next++;
+    volumes_->registrations.emplace(observation, std::move(registration));
+    return observation;
   }
 }
 
-void ApplePlatform::stopObservingVolumeChanges() {
+void ApplePlatform::stopObservingVolumeChanges(VolumeObservation observation) {
+  VolumeObservers::Registration registration;
+  {
+    std::lock_guard lock(volumes_->mutex);
+    auto found = volumes_->registrations.find(observation);
+    if (found == volumes_->registrations.end()) return;
+    registration = std::move(found->second);
+    volumes_->registrations.erase(found);
+  }
   @autoreleasepool {
-    std::lock_guard lock(volumes_->registration);
     NSNotificationCenter* center = NSWorkspace.sharedWorkspace.notificationCenter;
-    if (volumes_->mount != nil) [center removeObserver:volumes_->mount];
-    if (volumes_->unmount != nil) [center removeObserver:volumes_->unmount];
-    volumes_->mount = nil;
-    volumes_->unmount = nil;
+    if (registration.mount != nil) [center removeObserver:registration.mount];
+    if (registration.unmount != nil) [center removeObserver:registration.unmount];
   }
   // Waits for a call in progress on another thread, then disarms the blocks
   // that the centre may still hold.
-  std::lock_guard lock(volumes_->handler->mutex);
-  volumes_->handler->call = nullptr;
+  std::lock_guard lock(registration.handler->mutex);
+  registration.handler->cancelled = true;
 }
 
 std::optional<std::string> ApplePlatform::userDefaultString(std::string_view key) {

@@ -95,6 +95,32 @@ class LinuxWritableFile : public WritableFile {
     return success();
   }
 
+  Result<std::string> readTail(std::uint64_t length) override {
+    if (fd_ < 0) return Error{describe(path_, EBADF)};
+    struct stat info {};
+    if (::fstat(fd_, &info) != 0) return Error{describe(path_, errno)};
+    auto size = static_cast<std::uint64_t>(info.st_size);
+    std::uint64_t start = size > length ? size - length : 0;
+    try {
+      std::string tail(static_cast<std::size_t>(size - start), '\0');
+      std::size_t filled = 0;
+      while (filled < tail.size()) {
+        ssize_t got = ::pread(fd_, tail.data() + filled, tail.size() - filled, static_cast<off_t>(start + filled));
+        if (got < 0) {
+          if (errno == EINTR) continue;
+          return Error{describe(path_, errno)};
+        }
+        if (got == 0) break;  // shrank since fstat
+        filled += static_cast<std::size_t>(got);
+      }
+      tail.resize(filled);
+      if (::lseek(fd_, 0, SEEK_END) < 0) return Error{describe(path_, errno)};
+      return tail;
+    } catch (const std::bad_alloc&) {
+      return Error{describe(path_, ENOMEM)};
+    }
+  }
+
   Status close() override {
     if (fd_ < 0) return Error{describe(path_, EBADF)};
     int result = ::close(fd_);
@@ -141,10 +167,15 @@ unsigned processUmask() {
   return mask;
 }
 
-Result<FileTime> modificationDate(const std::string& path) {
+Result<ModificationDate> modificationDate(const std::string& path) {
+  auto timeOf = [](const struct stat& info) {
+    return FileTime{static_cast<std::int64_t>(info.st_mtim.tv_sec), static_cast<std::int64_t>(info.st_mtim.tv_nsec)};
+  };
   struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) return Error{describe(path, errno)};
-  return FileTime{static_cast<std::int64_t>(info.st_mtim.tv_sec), static_cast<std::int64_t>(info.st_mtim.tv_nsec)};
+  if (::lstat(path.c_str(), &info) != 0) return Error{describe(path, errno)};
+  ModificationDate date{timeOf(info), std::nullopt};
+  if (S_ISLNK(info.st_mode) && ::stat(path.c_str(), &info) == 0) date.linkTarget = timeOf(info);
+  return date;
 }
 
 Result<std::string> readFile(const std::string& path, std::uint64_t limit) {
@@ -247,7 +278,8 @@ Status createDirectories(const std::string& path) {
 }
 
 Result<std::unique_ptr<WritableFile>> openForWriting(const std::string& path) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  // Read-write, since the log reads the file's tail back.
+  int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return Error{describe(path, errno)};
   auto file = std::make_unique<LinuxWritableFile>(fd, path);
   struct stat info {};

@@ -15,7 +15,8 @@ namespace palvin::linux_files {
 // "<path>: <the system's text for errnum>".
 std::string describe(std::string_view path, int errnum);
 
-Result<FileTime> modificationDate(const std::string& path);
+// The item's own time; for a symbolic link also its target's, if it has one.
+Result<ModificationDate> modificationDate(const std::string& path);
 
 // Refuses what is not a regular file and anything above `limit` bytes, also
 // when the file grows past it while being read.

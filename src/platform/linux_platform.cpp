@@ -22,6 +22,7 @@
 
 #include "platform/linux_files.h"
 #include "platform/linux_localization.h"
+#include "platform/linux_text.h"
 #include "shared/paths.h"
 
 extern char** environ;
@@ -97,6 +98,10 @@ std::vector<std::string> launchEnvironment(const std::optional<std::string>& con
   return entries;
 }
 
+// Set on the watcher thread while it calls volume handlers, so that a handler
+// that stops observing does not wait for itself.
+thread_local bool tDeliveringVolumeChange = false;
+
 std::vector<char*> pointers(std::vector<std::string>& strings) {
   std::vector<char*> out;
   out.reserve(strings.size() + 1);
@@ -111,7 +116,15 @@ LinuxPlatform::LinuxPlatform() : LinuxPlatform(Options{}) {}
 
 LinuxPlatform::LinuxPlatform(Options options) : options_(std::move(options)) {}
 
-LinuxPlatform::~LinuxPlatform() { stopObservingVolumeChanges(); }
+LinuxPlatform::~LinuxPlatform() {
+  std::unique_ptr<mount_table::Watcher> watcher;
+  {
+    std::lock_guard lock(observersMutex_);
+    observers_.clear();
+    watcher = std::move(watcher_);
+  }
+  if (watcher) watcher->stop();
+}
 
 void LinuxPlatform::setSelection(std::vector<std::string> paths) {
   std::lock_guard lock(mutex_);
@@ -125,9 +138,14 @@ std::vector<std::string> LinuxPlatform::monitoredDirectories() const {
 
 std::chrono::system_clock::time_point LinuxPlatform::now() { return std::chrono::system_clock::now(); }
 
+// One rule for the extension, the tool and the host app: the extension hands
+// its container to the host app it starts in PALVIN_SHARED_CONTAINER, and
+// anything started with that variable uses the same directory. Like the XDG
+// base directory rules, relative values are ignored.
 std::optional<std::string> LinuxPlatform::containerPath(std::string_view appGroupIdentifier) {
   if (options_.container) return *options_.container;
-  // The XDG base directory rules ignore a relative XDG_DATA_HOME.
+  const char* given = std::getenv(std::string(kContainerVariable).c_str());
+  if (given != nullptr && given[0] == '/') return std::string(given);
   const char* data = std::getenv("XDG_DATA_HOME");
   if (data != nullptr && data[0] == '/') return paths::join(data, appGroupIdentifier);
   const char* home = std::getenv("HOME");
@@ -161,9 +179,11 @@ void LinuxPlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
   ::syslog(syslogPriority(type), "%s", text.c_str());
 }
 
+std::shared_ptr<const TextRules> LinuxPlatform::textRules() { return linux_text::currentRules(); }
+
 // Any file type has a date; readFile is what refuses the ones it can't read,
 // so a directory in a file's place is reported rather than passed over.
-Result<FileTime> LinuxPlatform::modificationDate(const std::string& path) {
+Result<ModificationDate> LinuxPlatform::modificationDate(const std::string& path) {
   return linux_files::modificationDate(path);
 }
 
@@ -270,7 +290,7 @@ std::optional<std::vector<std::string>> LinuxPlatform::selectedItemPaths() {
 
 std::optional<bool> LinuxPlatform::isDirectory(const std::string& path) {
   struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+  if (::lstat(path.c_str(), &info) != 0) return std::nullopt;
   return S_ISDIR(info.st_mode);
 }
 
@@ -286,23 +306,53 @@ void LinuxPlatform::setMonitoredDirectories(const std::vector<std::string>& path
 }
 
 // When the mount table can't be watched, no events come; nothing else fails.
-void LinuxPlatform::observeVolumeChanges(std::function<void()> handler) {
-  std::lock_guard lock(watcherMutex_);
-  if (watcher_) {
-    watcher_->setHandler(std::move(handler));
-  } else {
-    watcher_ = mount_table::Watcher::start(std::move(handler));
-  }
+VolumeObservation LinuxPlatform::observeVolumeChanges(std::function<void()> handler) {
+  std::lock_guard lock(observersMutex_);
+  const VolumeObservation observation = nextObservation_++;
+  observers_.emplace(observation, std::move(handler));
+  if (!watcher_) watcher_ = mount_table::Watcher::start([this] { deliverVolumeChange(); });
+  return observation;
 }
 
-void LinuxPlatform::stopObservingVolumeChanges() {
-  std::unique_ptr<mount_table::Watcher> watcher;
+void LinuxPlatform::stopObservingVolumeChanges(VolumeObservation observation) {
+  std::unique_ptr<mount_table::Watcher> idle;
   {
-    std::lock_guard lock(watcherMutex_);
-    watcher = std::move(watcher_);
+    std::lock_guard lock(observersMutex_);
+    if (observers_.erase(observation) == 0) return;
+    if (observers_.empty()) idle = std::move(watcher_);
   }
-  // Stopped outside the lock: a handler still running may be observing anew.
-  if (watcher) watcher->stop();
+  // A call in progress on the watcher thread ends before this returns.
+  if (!tDeliveringVolumeChange) {
+    std::lock_guard wait(deliveringMutex_);
+  }
+  if (idle) idle->stop();
+}
+
+// On the watcher thread. Each handler is looked up just before its call, so
+// one that was stopped meanwhile, even by an earlier handler, is skipped.
+void LinuxPlatform::deliverVolumeChange() {
+  std::lock_guard delivering(deliveringMutex_);
+  tDeliveringVolumeChange = true;
+  std::vector<VolumeObservation> registered;
+  {
+    std::lock_guard lock(observersMutex_);
+    for (const auto& entry : observers_) registered.push_back(entry.first);
+  }
+  for (VolumeObservation observation : registered) {
+    std::function<void()> handler;
+    {
+      std::lock_guard lock(observersMutex_);
+      auto found = observers_.find(observation);
+      if (found == observers_.end()) continue;
+      handler = found->second;
+    }
+    try {
+      handler();
+    } catch (...) {
+      // One handler's failure loses its own event only.
+    }
+  }
+  tDeliveringVolumeChange = false;
 }
 
 std::optional<std::string> LinuxPlatform::userDefaultString(std::string_view key) {

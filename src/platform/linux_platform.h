@@ -3,6 +3,7 @@
 // entry point, since Linux has no Finder to ask.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -21,8 +22,9 @@ class LinuxPlatform : public Platform {
   static constexpr std::uint64_t kMaxReadSize = 64ull << 20;
 
   struct Options {
-    // The shared container; default $XDG_DATA_HOME/<app group identifier>,
-    // or $HOME/.local/share/<app group identifier>.
+    // The shared container; default $PALVIN_SHARED_CONTAINER, else
+    // $XDG_DATA_HOME/<app group identifier>, else
+    // $HOME/.local/share/<app group identifier> (see containerPath).
     std::optional<std::string> container{};
     // The extension's bundle; default the directory of the running executable.
     std::optional<std::string> bundlePath{};
@@ -45,7 +47,8 @@ class LinuxPlatform : public Platform {
   std::optional<std::string> containerPath(std::string_view appGroupIdentifier) override;
   bool unifiedLogEnabled(UnifiedLogType type) override;
   void unifiedLog(UnifiedLogType type, std::string_view message) override;
-  Result<FileTime> modificationDate(const std::string& path) override;
+  std::shared_ptr<const TextRules> textRules() override;
+  Result<ModificationDate> modificationDate(const std::string& path) override;
   Result<std::string> readFile(const std::string& path) override;
   Status writeFileAtomically(const std::string& path, std::string_view bytes) override;
   Status createDirectories(const std::string& path) override;
@@ -58,8 +61,8 @@ class LinuxPlatform : public Platform {
   std::optional<bool> isDirectory(const std::string& path) override;
   std::optional<std::vector<std::string>> mountedVolumePaths() override;
   void setMonitoredDirectories(const std::vector<std::string>& paths) override;
-  void observeVolumeChanges(std::function<void()> handler) override;
-  void stopObservingVolumeChanges() override;
+  VolumeObservation observeVolumeChanges(std::function<void()> handler) override;
+  void stopObservingVolumeChanges(VolumeObservation observation) override;
   std::optional<std::string> userDefaultString(std::string_view key) override;
   bool hasSymbolImage(std::string_view name) override;
   std::string localizedString(std::string_view key) override;
@@ -67,6 +70,7 @@ class LinuxPlatform : public Platform {
  private:
   bool systemLogListens();
   void loadStrings();
+  void deliverVolumeChange();
 
   Options options_;
   mutable std::mutex mutex_;
@@ -79,8 +83,15 @@ class LinuxPlatform : public Platform {
   std::once_flag stringsOnce_;
   strings_file::Table strings_;
 
-  std::mutex watcherMutex_;
+  // Volume observers share one watcher thread, which runs while any is
+  // registered. `observersMutex_` guards the map and the watcher;
+  // `deliveringMutex_` is held while the watcher calls handlers, so that a
+  // stop from another thread can wait for a call in progress.
+  std::mutex observersMutex_;
+  std::map<VolumeObservation, std::function<void()>> observers_;
+  VolumeObservation nextObservation_ = 1;
   std::unique_ptr<mount_table::Watcher> watcher_;
+  std::mutex deliveringMutex_;
 };
 
 }  // namespace palvin

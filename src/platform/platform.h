@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "shared/result.h"
+#include "shared/text.h"
 
 namespace palvin {
 
@@ -27,6 +28,19 @@ struct FileTime {
   bool operator==(const FileTime&) const = default;
 };
 
+// When a path was last changed, as a cache key. For a symbolic link both the
+// link's own time and its target's count, so that pointing the link elsewhere
+// and changing the file it points to are both seen; a dangling link has no
+// target time.
+struct ModificationDate {
+  FileTime modified;
+  std::optional<FileTime> linkTarget;
+  bool operator==(const ModificationDate&) const = default;
+};
+
+// One registration for mount and unmount events; 0 is none.
+using VolumeObservation = std::uint64_t;
+
 // A file opened for writing without creating or truncating it.
 class WritableFile {
  public:
@@ -35,6 +49,9 @@ class WritableFile {
   virtual Result<std::uint64_t> seekToEnd() = 0;
   // Writes all of `bytes` at the current position.
   virtual Status write(std::string_view bytes) = 0;
+  // The last `length` bytes of the file as it is now (all of it when it is
+  // shorter), leaving the position at the end.
+  virtual Result<std::string> readTail(std::uint64_t length) = 0;
   virtual Status close() = 0;
 };
 
@@ -64,10 +81,16 @@ class Platform {
   virtual bool unifiedLogEnabled(UnifiedLogType type) = 0;
   virtual void unifiedLog(UnifiedLogType type, std::string_view message) = 0;
 
+  // --- Text in the user's locale -------------------------------------------
+  // The current locale's display-name order and the Unicode lower-casing.
+  // Asked once per menu, so a change of locale is seen by the next one.
+  virtual std::shared_ptr<const TextRules> textRules() = 0;
+
   // --- Files --------------------------------------------------------------
-  // Modification date of a regular file; an error when it is missing or can't
-  // be examined.
-  virtual Result<FileTime> modificationDate(const std::string& path) = 0;
+  // The modification date of the item at `path` itself (a link is not
+  // followed for its own date); an error when it is missing or can't be
+  // examined.
+  virtual Result<ModificationDate> modificationDate(const std::string& path) = 0;
   // The whole content of a file. Refuses, with a description, anything that
   // could block or exhaust memory (FIFOs, devices, directories, huge files).
   virtual Result<std::string> readFile(const std::string& path) = 0;
@@ -76,7 +99,8 @@ class Platform {
   virtual Status writeFileAtomically(const std::string& path, std::string_view bytes) = 0;
   // Creates a directory and its missing parents; succeeds when it exists.
   virtual Status createDirectories(const std::string& path) = 0;
-  // An existing file opened for writing, or the reason it can't be.
+  // An existing file opened for writing (and reading its tail), or the reason
+  // it can't be.
   virtual Result<std::unique_ptr<WritableFile>> openForWriting(const std::string& path) = 0;
 
   // --- Notifications, bundles, launching ---------------------------------
@@ -93,17 +117,21 @@ class Platform {
   // The paths of the current selection, in the file manager's order, or
   // nothing when the platform gives none.
   virtual std::optional<std::vector<std::string>> selectedItemPaths() = 0;
-  // true or false, or nothing when unknown or the lookup failed.
+  // Whether the item itself is a directory (a link to one is not, as a
+  // selected URL's directory value describes the link); nothing when unknown
+  // or the lookup failed.
   virtual std::optional<bool> isDirectory(const std::string& path) = 0;
   // Mounted volumes' root paths, hidden ones included, or nothing.
   virtual std::optional<std::vector<std::string>> mountedVolumePaths() = 0;
   // Replaces the set of directories the file manager involves us in.
   virtual void setMonitoredDirectories(const std::vector<std::string>& paths) = 0;
   // Starts delivering mount and unmount events to `handler` (on a thread of
-  // the platform's choosing); replaces an earlier handler.
-  virtual void observeVolumeChanges(std::function<void()> handler) = 0;
-  // Stops delivering them; after it returns the handler is not called again.
-  virtual void stopObservingVolumeChanges() = 0;
+  // the platform's choosing). Every call is a registration of its own, as
+  // each object that observes registers itself with the system.
+  virtual VolumeObservation observeVolumeChanges(std::function<void()> handler) = 0;
+  // Ends one registration and no other; after it returns that handler is not
+  // called again. Allowed from inside the handler.
+  virtual void stopObservingVolumeChanges(VolumeObservation observation) = 0;
   // A string from the user's defaults, or nothing.
   virtual std::optional<std::string> userDefaultString(std::string_view key) = 0;
   // Whether the system has a symbol image of that name.

@@ -36,27 +36,40 @@ void append(const AppendTask& task) {
   WritableFile& handle = **file;
   auto end = handle.seekToEnd();
   std::uint64_t offset = end.ok() ? *end : 0;
-  (void)handle.write(task.line);
-  if (offset + task.line.size() > kTrimThreshold) {
-    auto content = platform.readFile(task.path);
-    if (content.ok()) {
-      std::string_view kept = *content;
-      if (kept.size() > kTrimKeep) kept.remove_prefix(kept.size() - kTrimKeep);
-      (void)platform.writeFileAtomically(task.path, kept);
+  // A process killed inside an append leaves the file ending in a torn line.
+  // The new line starts on a line of its own, so only the torn one is lost.
+  // One byte read per line, on this queue: callers never wait for it.
+  std::string_view line = task.line;
+  std::string fresh;
+  if (offset > 0) {
+    auto last = handle.readTail(1);
+    if (last.ok() && !last->empty() && last->back() != '\n') {
+      fresh.reserve(task.line.size() + 1);
+      fresh += '\n';
+      fresh += task.line;
+      line = fresh;
     }
+  }
+  (void)handle.write(line);
+  // Only the kept tail is read back, so a file of any size is trimmed.
+  if (offset + line.size() > kTrimThreshold) {
+    auto kept = handle.readTail(kTrimKeep);
+    if (kept.ok()) (void)platform.writeFileAtomically(task.path, *kept);
   }
   (void)handle.close();
 }
 
-// The serial queue: one worker thread, tasks in submission order.
+// The serial queue: one worker thread, tasks in submission order. The worker
+// starts with the first task after a stop, so the log can be shut down and
+// used again.
 class Queue {
  public:
-  Queue() { std::thread([this] { run(); }).detach(); }
-
   void submit(AppendTask task) {
     {
       std::lock_guard lock(mutex_);
       tasks_.push_back(std::move(task));
+      // During a shutdown the line waits for the worker started after it.
+      if (!worker_.joinable() && !stopping_) worker_ = std::thread([this] { run(); });
     }
     wake_.notify_one();
   }
@@ -66,11 +79,28 @@ class Queue {
     idle_.wait(lock, [this] { return tasks_.empty() && !busy_; });
   }
 
+  void shutdown() {
+    std::thread worker;
+    {
+      std::unique_lock lock(mutex_);
+      idle_.wait(lock, [this] { return tasks_.empty() && !busy_; });
+      stopping_ = true;
+      worker = std::move(worker_);
+    }
+    wake_.notify_all();
+    if (worker.joinable()) worker.join();
+    std::lock_guard lock(mutex_);
+    stopping_ = false;
+    // A line logged during the stop is not left without a worker.
+    if (!tasks_.empty() && !worker_.joinable()) worker_ = std::thread([this] { run(); });
+  }
+
  private:
   void run() {
     std::unique_lock lock(mutex_);
     for (;;) {
-      wake_.wait(lock, [this] { return !tasks_.empty(); });
+      wake_.wait(lock, [this] { return !tasks_.empty() || stopping_; });
+      if (tasks_.empty()) return;
       AppendTask task = std::move(tasks_.front());
       tasks_.pop_front();
       busy_ = true;
@@ -90,7 +120,9 @@ class Queue {
   std::condition_variable wake_;
   std::condition_variable idle_;
   std::deque<AppendTask> tasks_;
+  std::thread worker_;
   bool busy_ = false;
+  bool stopping_ = false;
 };
 
 // Made on first use and never destroyed: the worker may still be running when
@@ -161,5 +193,7 @@ void log(Level level, std::string_view message) {
 }
 
 void flush() { queue().flush(); }
+
+void shutdown() { queue().shutdown(); }
 
 }  // namespace palvin::FinderLog

@@ -25,6 +25,10 @@ void log(Level level, std::string_view message);
 // tests; the extension itself never waits.
 void flush();
 
+// Waits for the lines logged so far, then ends the queue's worker thread, for
+// a host process that unloads the extension. A later log starts it again.
+void shutdown();
+
 // The line as the file holds it: timestamp, " [", tag, "] ", message, "\n".
 std::string formatLine(std::chrono::system_clock::time_point when, Level level, std::string_view message);
 

@@ -1,5 +1,6 @@
 #include "support/fake_platform.h"
 
+#include "platform/linux_text.h"
 #include "shared/paths.h"
 
 namespace palvin::testing {
@@ -24,6 +25,14 @@ class FakeWritableFile : public WritableFile {
     position_ += bytes.size();
     file.modified = platform_.tick();
     return success();
+  }
+
+  Result<std::string> readTail(std::uint64_t length) override {
+    std::lock_guard lock(platform_.mutex_);
+    auto it = platform_.files_.find(path_);
+    std::string content = it == platform_.files_.end() ? std::string() : it->second.content;
+    position_ = content.size();
+    return content.size() > length ? content.substr(content.size() - length) : content;
   }
 
   Status close() override { return success(); }
@@ -69,9 +78,9 @@ std::vector<std::string> FakePlatform::filesUnder(const std::string& directory) 
   return out;
 }
 
-// Called without the lock, as the handler asks the platform again.
+// Called without the lock, as the handlers ask the platform again.
 void FakePlatform::simulateVolumeChange() {
-  if (auto handler = locked(volumeHandler_)) handler();
+  for (const auto& [observation, handler] : locked(volumeHandlers_)) handler();
 }
 
 std::chrono::system_clock::time_point FakePlatform::now() {
@@ -92,14 +101,17 @@ bool FakePlatform::unifiedLogEnabled(UnifiedLogType type) {
 void FakePlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
   std::lock_guard lock(mutex_);
   unified_.push_back({type, std::string(message)});
+  events_.push_back("log " + std::string(message));
 }
 
-Result<FileTime> FakePlatform::modificationDate(const std::string& path) {
+std::shared_ptr<const TextRules> FakePlatform::textRules() { return linux_text::currentRules(); }
+
+Result<ModificationDate> FakePlatform::modificationDate(const std::string& path) {
   std::lock_guard lock(mutex_);
   auto it = files_.find(path);
   if (it == files_.end())
     return Error{"The file \"" + std::string(paths::lastComponent(path)) + "\" doesn't exist."};
-  return it->second.modified;
+  return ModificationDate{it->second.modified, std::nullopt};
 }
 
 Result<std::string> FakePlatform::readFile(const std::string& path) {
@@ -179,16 +191,19 @@ std::optional<std::vector<std::string>> FakePlatform::mountedVolumePaths() {
 void FakePlatform::setMonitoredDirectories(const std::vector<std::string>& paths) {
   std::lock_guard lock(mutex_);
   monitored_.push_back(paths);
+  events_.push_back("monitor " + std::to_string(paths.size()));
 }
 
-void FakePlatform::observeVolumeChanges(std::function<void()> handler) {
+VolumeObservation FakePlatform::observeVolumeChanges(std::function<void()> handler) {
   std::lock_guard lock(mutex_);
-  volumeHandler_ = std::move(handler);
+  volumeHandlers_.emplace(nextObservation_, std::move(handler));
+  events_.push_back("observe volumes");
+  return nextObservation_++;
 }
 
-void FakePlatform::stopObservingVolumeChanges() {
+void FakePlatform::stopObservingVolumeChanges(VolumeObservation observation) {
   std::lock_guard lock(mutex_);
-  volumeHandler_ = nullptr;
+  volumeHandlers_.erase(observation);
 }
 
 std::optional<std::string> FakePlatform::userDefaultString(std::string_view key) {

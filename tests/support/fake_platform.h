@@ -62,19 +62,22 @@ class FakePlatform : public Platform {
   std::vector<Launch> launches() const { return locked(launches_); }
   std::vector<std::vector<std::string>> monitoredHistory() const { return locked(monitored_); }
   std::vector<UnifiedEntry> unifiedEntries() const { return locked(unified_); }
-  // Outward effects in order: "write <path>", "notify <name>", "open <path>".
+  // Outward effects in order: "write <path>", "notify <name>", "open <path>",
+  // "log <message>" (entries the unified log records), "monitor <count>",
+  // "observe volumes".
   std::vector<std::string> events() const { return locked(events_); }
   int fileReads() const { return locked(reads_); }
-  // Delivers a mount or unmount to the registered observer, if any.
+  // Delivers a mount or unmount to every registered observer.
   void simulateVolumeChange();
-  bool observingVolumes() const { return static_cast<bool>(locked(volumeHandler_)); }
+  std::size_t volumeObservers() const { return locked(volumeHandlers_).size(); }
 
   // --- Platform ----------------------------------------------------------
   std::chrono::system_clock::time_point now() override;
   std::optional<std::string> containerPath(std::string_view appGroupIdentifier) override;
   bool unifiedLogEnabled(UnifiedLogType type) override;
   void unifiedLog(UnifiedLogType type, std::string_view message) override;
-  Result<FileTime> modificationDate(const std::string& path) override;
+  std::shared_ptr<const TextRules> textRules() override;
+  Result<ModificationDate> modificationDate(const std::string& path) override;
   Result<std::string> readFile(const std::string& path) override;
   Status writeFileAtomically(const std::string& path, std::string_view bytes) override;
   Status createDirectories(const std::string& path) override;
@@ -87,8 +90,8 @@ class FakePlatform : public Platform {
   std::optional<bool> isDirectory(const std::string& path) override;
   std::optional<std::vector<std::string>> mountedVolumePaths() override;
   void setMonitoredDirectories(const std::vector<std::string>& paths) override;
-  void observeVolumeChanges(std::function<void()> handler) override;
-  void stopObservingVolumeChanges() override;
+  VolumeObservation observeVolumeChanges(std::function<void()> handler) override;
+  void stopObservingVolumeChanges(VolumeObservation observation) override;
   std::optional<std::string> userDefaultString(std::string_view key) override;
   bool hasSymbolImage(std::string_view name) override;
   std::string localizedString(std::string_view key) override;
@@ -110,7 +113,8 @@ class FakePlatform : public Platform {
   std::vector<std::vector<std::string>> monitored_;
   std::vector<UnifiedEntry> unified_;
   std::vector<std::string> events_;
-  std::function<void()> volumeHandler_;
+  std::map<VolumeObservation, std::function<void()>> volumeHandlers_;
+  VolumeObservation nextObservation_ = 1;
   int reads_ = 0;
   std::int64_t ticks_ = 0;
 };

@@ -30,7 +30,7 @@ void registerCheckCommand(Registry registry) {
       exitCode = kExitFindings;
       return;
     }
-    CapabilityCheckReport report = checkCapabilities(*bytes);
+    CapabilityCheckReport report = checkCapabilities(*bytes, *currentPlatform().textRules());
     std::size_t warnings = 0;
     for (const auto& finding : report.findings) {
       bool error = finding.severity == CapabilityFinding::Severity::error;

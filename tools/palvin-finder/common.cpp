@@ -53,7 +53,8 @@ std::string sharedContainerHelp() {
   std::string text =
       "Shared container: the directory the extension and the host app share. It holds\n"
       "\"capabilities.json\" (written by the host app), \"finder-extension.log\" and the \"requests\"\n"
-      "directory. On Linux it is\n  $XDG_DATA_HOME/";
+      "directory. On Linux it is --container DIR when given, else $PALVIN_SHARED_CONTAINER (an\n"
+      "absolute path; the extension hands its container to the host app in it), else\n  $XDG_DATA_HOME/";
   text += ids::kAppGroupIdentifier;
   text += "\nor, when XDG_DATA_HOME is unset or relative,\n  ~/.local/share/";
   text += ids::kAppGroupIdentifier;

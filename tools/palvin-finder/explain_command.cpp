@@ -4,6 +4,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/platform.h"
 #include "shared/json_writer.h"
 #include "shared/text.h"
 #include "tool.h"
@@ -45,7 +46,7 @@ std::vector<std::string> targetsOf(const FinderCapabilities& catalogue, const st
 // Why an extension found no key: the near misses a host-app developer makes.
 std::string missingKeyHint(const FinderCapabilities& catalogue, const std::string& ext) {
   for (const auto& [key, formatId] : catalogue.extensionToFormatId) {
-    if (key != ext && text::lowercase(key) == ext) {
+    if (key != ext && currentPlatform().textRules()->lowercase(key) == ext) {
       return "; the document has the key " + jsonQuoted(key) + ", but keys match exactly and extensions are lower-cased";
     }
     if (key == "." + ext) return "; the document has the key " + jsonQuoted(key) + ", but keys are written without the dot";
@@ -73,8 +74,9 @@ int explain(const std::string& file, const std::vector<std::string>& paths, std:
   out << style.bold("Files") << '\n';
   std::vector<std::string> sources;
   std::optional<std::vector<std::string>> common;
+  const auto text = currentPlatform().textRules();
   for (const auto& path : paths) {
-    auto input = FinderMenuPlanner::fileInputForPath(path);
+    auto input = FinderMenuPlanner::fileInputForPath(path, *text);
     out << "  " << json::toValidUtf8(path) << '\n';
     auto key = catalogue.extensionToFormatId.find(input.ext);
     if (key == catalogue.extensionToFormatId.end()) {
@@ -149,8 +151,8 @@ int explain(const std::string& file, const std::vector<std::string>& paths, std:
 
   out << '\n';
   std::vector<FinderMenuPlanner::FileInput> inputs;
-  for (const auto& path : paths) inputs.push_back(FinderMenuPlanner::fileInputForPath(path));
-  auto plan = FinderMenuPlanner::plan(catalogue, inputs);
+  for (const auto& path : paths) inputs.push_back(FinderMenuPlanner::fileInputForPath(path, *text));
+  auto plan = FinderMenuPlanner::plan(catalogue, inputs, *text);
   if (!plan) {
     out << style.red("No Convert menu") << ": no target is left to offer.\n";
     return kExitOk;

@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "planner/menu_planner.h"
+#include "platform/platform.h"
 #include "shared/json_writer.h"
 #include "tool.h"
 
@@ -120,8 +121,9 @@ void registerPlanCommand(Registry registry) {
     }
     std::vector<FinderMenuPlanner::FileInput> inputs;
     inputs.reserve(options->paths.size());
-    for (auto& path : options->paths) inputs.push_back(FinderMenuPlanner::fileInputForPath(path));
-    auto plan = FinderMenuPlanner::plan(*capabilities, inputs);
+    const auto text = currentPlatform().textRules();
+    for (auto& path : options->paths) inputs.push_back(FinderMenuPlanner::fileInputForPath(path, *text));
+    auto plan = FinderMenuPlanner::plan(*capabilities, inputs, *text);
     if (options->json) {
       std::cout << planJson(plan) << '\n';
     } else {

@@ -33,7 +33,7 @@ struct RequestFile {
 
 RequestFile requestFile(const std::string& directory, const std::string& name) {
   auto modified = currentPlatform().modificationDate(paths::join(directory, name));
-  return RequestFile{name, modified.ok() ? std::optional<FileTime>(*modified) : std::nullopt};
+  return RequestFile{name, modified.ok() ? std::optional<FileTime>(modified->modified) : std::nullopt};
 }
 
 // Oldest first, the name breaking ties, as the host app takes them.

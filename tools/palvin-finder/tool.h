@@ -58,7 +58,7 @@ Style styleForStdout();
 std::string sharedContainerHelp();
 
 inline constexpr std::string_view kNoContainer =
-    "no shared container: set XDG_DATA_HOME or HOME, or pass --container";
+    "no shared container: pass --container, or set PALVIN_SHARED_CONTAINER, XDG_DATA_HOME or HOME";
 
 // The shared container: `option` (--container) made absolute when given,
 // otherwise the platform's default; nothing when there is neither.

@@ -38,9 +38,17 @@ typedef struct {
 typedef NSUInteger NSStringEncoding;
 enum : NSStringEncoding { NSUTF8StringEncoding = 4 };
 
+typedef NS_ENUM(NSInteger, NSComparisonResult){
+    NSOrderedAscending = -1L,
+    NSOrderedSame,
+    NSOrderedDescending,
+};
+
 @interface NSString : NSObject
 - (nullable instancetype)initWithBytes:(const void*)bytes length:(NSUInteger)len encoding:(NSStringEncoding)encoding;
 @property(nullable, readonly) const char* UTF8String NS_RETURNS_INNER_POINTER;
+@property(readonly, copy) NSString* lowercaseString;
+- (NSComparisonResult)localizedCaseInsensitiveCompare:(NSString*)string;
 @end
 
 // --- Numbers and collections ---------------------------------------------------
@@ -143,7 +151,10 @@ typedef NS_OPTIONS(NSUInteger, NSVolumeEnumerationOptions){
 
 @interface NSFileHandle : NSObject
 + (nullable instancetype)fileHandleForWritingToURL:(NSURL*)url error:(NSError**)error;
++ (nullable instancetype)fileHandleForUpdatingURL:(NSURL*)url error:(NSError**)error;
 - (BOOL)seekToEndReturningOffset:(out unsigned long long* _Nullable)offsetInFile error:(out NSError**)error;
+- (BOOL)seekToOffset:(unsigned long long)offset error:(out NSError**)error;
+- (nullable NSData*)readDataUpToLength:(NSUInteger)length error:(out NSError**)error;
 - (BOOL)writeData:(NSData*)data error:(out NSError**)error;
 - (BOOL)closeAndReturnError:(out NSError**)error;
 @end
