@@ -8,39 +8,17 @@
 #include "shared/json_writer.h"
 
 namespace palvin {
+
+using json::lastMember;
+using json::readString;
+using json::wrongType;
+
 namespace {
 
 using FileStatus = FinderFileResult::Status;
 
 constexpr std::pair<FileStatus, std::string_view> kStatusNames[] = {
     {FileStatus::pending, "pending"}, {FileStatus::converted, "converted"}, {FileStatus::failed, "failed"}};
-
-Error wrongType(const std::string& path, const char* expected, simdjson::dom::element value) {
-  return Error{path + ": expected " + expected + ", found " + std::string(json::typeName(value.type()))};
-}
-
-// The last member named `key`: a repeated member overrides the earlier one,
-// as in the request's decoder.
-bool lastMember(simdjson::dom::object object, std::string_view key, simdjson::dom::element& value) {
-  bool found = false;
-  for (auto field : object) {
-    if (field.key == key) {
-      value = field.value;
-      found = true;
-    }
-  }
-  return found;
-}
-
-palvin::Status readString(simdjson::dom::object object, std::string_view key, const std::string& path,
-                          std::string& out) {
-  simdjson::dom::element value;
-  if (!lastMember(object, key, value)) return Error{path + ": missing"};
-  std::string_view text;
-  if (value.get(text) != simdjson::SUCCESS) return wrongType(path, "string", value);
-  out.assign(text);
-  return success();
-}
 
 bool appendMember(std::string& out, std::string_view key, std::string_view value) {
   out += ",\"";
