@@ -109,3 +109,33 @@ TEST(RequestQueue, ConvertsInParallelRecoversReleasedClaimsAndResumesStoppedRequ
 
 }  // namespace
 }  // namespace palvin
+
+namespace palvin {
+namespace {
+
+// The result document's decoder: as strict as the request's, with the status rules.
+TEST(ConversionResult, DecodesOnlyWhatItsEncoderCouldHaveWritten) {
+  const FinderConversionResult mixed{"webp", {{"/a/x.png", Status::converted, "/a/x.webp", ""},
+                                              {"/a/\xC3\xA9.png", Status::failed, "", "no \"luck\""},
+                                              {"/a/z.png", Status::pending, "", ""}}};
+  EXPECT_EQ(*FinderConversionResult::decode(*mixed.encode()), mixed);
+  // clang-format off
+  for (const auto& [document, error] : std::vector<std::pair<std::string, std::string>>{
+           {R"({"files":[],"x":1,"targetFormatId":"mp3"})", ""},
+           {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"pending","error":7}]})", ""},
+           {R"({"files":[]})", "targetFormatId: missing"},
+           {R"({"targetFormatId":"a","files":{}})", "files: expected array, found object"},
+           {R"({"targetFormatId":"a","files":[{"status":"pending"}]})", "files[0].path: missing"},
+           {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"done"}]})", "files[0].status: expected \"pending\", \"converted\" or \"failed\""},
+           {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"converted"}]})", "files[0].outputPath: missing"},
+           {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"converted","outputPath":""}]})", "files[0].outputPath: empty"},
+           {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"failed","error":null}]})", "files[0].error: expected string, found null"},
+       }) {
+    // clang-format on
+    auto decoded = FinderConversionResult::decode(document);
+    EXPECT_EQ(decoded.ok() ? "" : decoded.error(), error) << document;
+  }
+}
+
+}  // namespace
+}  // namespace palvin
