@@ -13,7 +13,7 @@ fail() { echo "FAILED: $*" >&2; exit 1; }
 DESTDIR="$dest" cmake --install "$build" --prefix "$prefix" >"$tmp/install.log" || fail "$(cat "$tmp/install.log")"
 app="$dest$prefix/lib/palvin/PalvinHost.app"
 appex="$app/Contents/PlugIns/PalvinFinder.appex"
-[ -x "$app/AppRun" ] && [ -s "$app/Contents/Resources/capabilities.json" ] || fail "no host app in $app"
+[ -x "$app/AppRun" ] || fail "no host app in $app"
 [ -s "$appex/Resources/de.lproj/Localizable.strings" ] || fail "no translations in $appex/Resources"
 # Links are relative, so they resolve inside DESTDIR as they will once installed.
 [ "$(readlink -f "$dest$prefix/bin/palvin-finder")" = "$appex/palvin-finder" ] || fail "bin/palvin-finder"
@@ -25,10 +25,12 @@ if [ -n "$extensions" ]; then
     fail "the module exports $exports"
 fi
 
-# The installed tool, called through its link: German titles from the
-# bundle's Resources, and a pick that starts the installed host app.
+# The installed host app writes its catalogue; the installed tool, called
+# through its link, has German titles from the bundle's Resources, and a pick
+# starts the installed host app.
 container="$tmp/container" photo="$tmp/photo.png"
-mkdir -p "$container" && cp "$app/Contents/Resources/capabilities.json" "$container/" && echo png >"$photo"
+mkdir -p "$container" && convert -size 8x8 xc:red "$photo"
+PALVIN_SHARED_CONTAINER="$container" "$app/AppRun" >/dev/null || fail "the installed host app failed"
 out="$(LANG=de_DE.UTF-8 NO_COLOR=1 "$dest$prefix/bin/palvin-finder" menu --container "$container" --pick 1 "$photo")"
 grep -q "Mit Palvin konvertieren" <<<"$out" || fail "no German title: $out"
 for _ in $(seq 100); do grep -qs "Handled request" "$container/host-app.log" && break; sleep 0.1; done
