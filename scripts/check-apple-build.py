@@ -10,8 +10,8 @@ can be linked here, so the link, copy and signing commands are read instead.
   objects      the principal class and the action selectors in the objects;
                every symbol the extension and the host app need from outside
                them is a system one (both architectures)
-  plan         the commands that link, place and sign the bundles, and the
-               configure-time refusals
+  plan         the commands that link, place and sign the bundles, the
+               configure-time refusals, and scripts/macos-build.sh
 
 tests/apple_slips.py plants mistakes to show that each check catches them.
 
@@ -333,6 +333,15 @@ def check_configure_refusals(source, work):
     return failures
 
 
+def check_mac_script(source):
+    """scripts/macos-build.sh can only run on a Mac; here it must parse and pass shellcheck."""
+    script = source / "scripts/macos-build.sh"
+    problems = [run(["bash", "-n", script], check=False).stderr]
+    if shutil.which("shellcheck"):
+        problems.append(run(["shellcheck", script], check=False).stdout)
+    return [f"{script}:\n{problem}" for problem in problems if problem.strip()]
+
+
 def check_bundle_layout(build):
     """What CMake lays out before anything is compiled: the extension's
     Info.plist in the bundle, and a copy step for every localisation."""
@@ -360,7 +369,7 @@ def main():
         elif command == "plan":
             build = work / "arm64"
             failures = check_plan(commands(build), build, source / ".ci/apple-sdk") + check_bundle_layout(build)
-            failures += check_configure_refusals(source, work)
+            failures += check_configure_refusals(source, work) + check_mac_script(source)
         else:
             raise Failed(f"unknown command {command}")
     except Failed as failure:

@@ -7,8 +7,9 @@ packages=(
   libsimdjson-dev libicu-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev python3
   # The Apple build's checks: Ninja, the LLVM tools that read Mach-O, libc++
-  # and C library headers for arm64 and x86_64 (scripts/check-apple-build.py).
-  ninja-build llvm-14 libc++-14-dev libc++abi-14-dev libc6-dev-arm64-cross libc6-dev-amd64-cross
+  # and C library headers for arm64 and x86_64, shellcheck for the Mac's build
+  # script (scripts/check-apple-build.py).
+  ninja-build shellcheck llvm-14 libc++-14-dev libc++abi-14-dev libc6-dev-arm64-cross libc6-dev-amd64-cross
 )
 
 missing=()
