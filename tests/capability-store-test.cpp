@@ -153,5 +153,41 @@ TEST(CapabilityStoreOnLinux, CachesByTheRealModificationTimeToTheNanosecond) {
   EXPECT_NE(log.find(kDecodeFailed + path + ": is a FIFO"), std::string::npos) << log;
 }
 
+// capabilities.json as a symbolic link: the link's own time and its target's
+// both count, so retargeting the link and changing the file it points to are
+// both seen; a dangling link is a read failure that tells why the menu went.
+TEST(CapabilityStoreOnLinux, ALinkIsReadAgainWhenItOrItsTargetChangesAndADanglingOneIsReported) {
+  testing::TempDir dir;
+  LinuxPlatform platform(LinuxPlatform::Options{.container = dir.path()});
+  ScopedPlatform installed(platform);
+  const std::string link = dir.file("capabilities.json"), a = dir.write("a.json", document(1, 1));
+  const std::string b = dir.write("b.json", document(1, 2));
+  auto setTime = [](const std::string& path, std::int64_t seconds, int flags = 0) {
+    timespec times[2] = {{seconds, 0}, {seconds, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, flags), 0) << path;
+  };
+  ASSERT_EQ(symlink("a.json", link.c_str()), 0);
+  setTime(a, 1795424400);
+  setTime(b, 1795424400);  // the same time as a: only the link's own tells them apart
+  setTime(link, 1795420000, AT_SYMLINK_NOFOLLOW);
+  CapabilityStore store;
+  EXPECT_EQ(formats(store.load()), 1);
+  dir.write("a.json", document(1, 3));
+  setTime(a, 1795424401);
+  EXPECT_EQ(formats(store.load()), 3) << "a changed target";
+  ASSERT_EQ(unlink(link.c_str()), 0);
+  ASSERT_EQ(symlink("b.json", link.c_str()), 0);
+  setTime(b, 1795424401);
+  setTime(link, 1795420001, AT_SYMLINK_NOFOLLOW);
+  Caps retargeted = store.load();
+  EXPECT_EQ(formats(retargeted), 2) << "a link pointed elsewhere";
+  ASSERT_EQ(unlink(b.c_str()), 0);
+  EXPECT_FALSE(store.load());
+  EXPECT_EQ(store.cached(), retargeted);
+  FinderLog::flush();
+  std::string log = testing::readText(dir.file("finder-extension.log"));
+  EXPECT_NE(log.find(kDecodeFailed + link + ": No such file or directory"), std::string::npos) << log;
+}
+
 }  // namespace
 }  // namespace palvin

@@ -112,6 +112,20 @@ TEST(MenuPlanner, WorkedExamplesAndInconsistentCatalogues) {
        [](auto& c) { c.formats.insert(c.formats.begin(), {{"f2", "foo", "image", ""}, {"f1", "Foo", "image", ""},
                          {"bar", "bar", "image", ""}, {"f0", "FOO", "image", ""}});
                      c.conversions["heic"] = {"f2", "png", "f1", "bar", "f0"}; }},
+      {"twenty names that compare the same: by format id", {heic}, Plan{{{"h.heic", "heic"}}, [] {
+         Items items{kPng};
+         for (int i = 0; i < 20; ++i) {
+           const std::string id = (i < 10 ? "t0" : "t") + std::to_string(i);
+           items.push_back({id, i % 3 == 0 ? "Same" : i % 3 == 1 ? "SAME" : "same"});
+         }
+         return items; }(), {}},
+       [](auto& c) {
+         c.conversions["heic"] = {"png"};
+         for (int i : {7, 19, 0, 13, 4, 11, 16, 2, 9, 18, 5, 14, 1, 10, 17, 6, 3, 12, 15, 8}) {
+           const std::string id = (i < 10 ? "t0" : "t") + std::to_string(i);
+           c.formats.insert(c.formats.begin(), {id, i % 3 == 0 ? "Same" : i % 3 == 1 ? "SAME" : "same", "image", ""});
+           c.conversions["heic"].push_back(id);
+         } }},
       {"the user's locale orders targets", {heic}, Plan{{{"h.heic", "heic"}}, {{"oak", "Oak"}, {"z", "Zebra"}, {"o", "Örn"}}, {}},
        [](auto& c) { c.formats.insert(c.formats.begin(), {{"z", "Zebra", "image", ""}, {"o", "Örn", "image", ""},
                          {"oak", "Oak", "image", ""}}); c.conversions["heic"] = {"z", "o", "oak"}; }, "sv_SE.UTF-8"},

@@ -60,9 +60,14 @@ TEST(ToolMenu, PicksWriteTheExactRequestAndTheSessionIsLogged) {
 }
 
 // Fallback titles in the user's language come from a container without a
-// catalogue; explain names what withholds or shapes the menu.
+// catalogue; explain names what withholds or shapes the menu. Links are
+// selected as themselves: to a folder or dangling, they are files.
 TEST(ToolMenuAndExplain, ExitCodesAndMessages) {
   TempDir dir;
+  const std::string catalogue = dir.path() + "/c", folderLink = dir.file("folder.png"), dangling = dir.file("gone.png");
+  dir.write("c/capabilities.json", readText(kExample));
+  std::filesystem::create_directory_symlink(catalogue, folderLink);
+  std::filesystem::create_symlink(dir.file("nothing"), dangling);
   // clang-format off
   const std::string photo = dir.write("a.png", "x"), upper = dir.write("upper.json", R"({"schemaVersion":1,"generatedAt":"",)"
       R"("categories":[],"formats":[],"extensionToFormatId":{"PNG":"png"},"conversions":{}})");
@@ -76,7 +81,10 @@ TEST(ToolMenuAndExplain, ExitCodesAndMessages) {
            {{"menu", "--container", dir.path(), photo}, "de_DE.UTF-8", 0, {"Mit Palvin konvertieren \u2014 zum Einrichten öffnen"}},
            {{"menu", "--container", dir.path(), photo}, "ja_JP.UTF-8", 0, {"Palvinで変換 \u2014 開いて設定"}},
            {{"menu", "--container", dir.path(), photo}, "C", 0, {"Convert with Palvin \u2014 open to set up"}},
-           {{"menu", "--container", dir.path(), dir.file("nope.png")}, "C", 2, {"nope.png"}}}) {
+           {{"menu", "--container", dir.path(), dir.file("nope.png")}, "C", 2, {"nope.png"}},
+           {{"menu", "--container", catalogue, "--appearance", "Dark", folderLink, dangling}, "C", 0,
+            {"[3] WebP\n", "Documents  {doc.text, white}\n", "2 file(s), 3 inline target(s)"}},
+           {{"menu", "--container", catalogue, "--appearance", "Light", photo}, "C", 0, {"Documents  {doc.text, black}\n"}}}) {
     // clang-format on
     auto run = runTool(args, {"-LC_ALL", "-LC_MESSAGES", "LANG=" + language});
     EXPECT_EQ(run.exitCode, exitCode) << args.back() << " " << language;

@@ -3,6 +3,7 @@
 #include <unordered_set>
 
 #include "platform/platform.h"
+#include "shared/json_writer.h"
 #include "shared/log.h"
 #include "shared/text.h"
 
@@ -62,13 +63,23 @@ Menu FinderSync::menuForMenuKind(std::uint64_t menuKind) {
     return top;
   }
 
+  // A request names its files in JSON, which holds UTF-8 only, so a pick for a
+  // name that is not UTF-8 (possible on Linux) is sure to fail: such a
+  // selection gets no Convert menu, as one unrecognised file withholds it.
+  for (const auto& path : files) {
+    if (!json::isValidUtf8(path)) {
+      FinderLog::log(Level::warn, "No Convert menu: a selected name is not valid UTF-8: " + json::toValidUtf8(path));
+      return top;
+    }
+  }
+
   // Asked once per menu: a change of the user's locale shows in the next one.
   const std::shared_ptr<const TextRules> text = platform.textRules();
   std::vector<FinderMenuPlanner::FileInput> inputs;
   inputs.reserve(fileCount);
   for (auto& path : files) inputs.push_back(FinderMenuPlanner::fileInputForPath(std::move(path), *text));
 
-  std::optional<FinderMenuPlanner::Plan> plan = FinderMenuPlanner::plan(*capabilities, inputs, *text);
+  std::optional<FinderMenuPlanner::Plan> plan = FinderMenuPlanner::plan(*capabilities, std::move(inputs), *text);
   if (!plan) {
     FinderLog::log(Level::debug, "No Convert menu for selection of " + std::to_string(fileCount) + " file(s)");
     return top;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -41,10 +42,11 @@ std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats, const
   return items;
 }
 
-}  // namespace
-
-std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs,
-                         const TextRules& text) {
+// With `Inputs` an rvalue the paths move into the plan: a menu for ten
+// thousand files then copies none of them.
+template <class Inputs>
+std::optional<Plan> planFor(const FinderCapabilities& capabilities, Inputs&& inputs, const TextRules& text) {
+  constexpr bool kMovePaths = !std::is_const_v<std::remove_reference_t<Inputs>> && std::is_rvalue_reference_v<Inputs&&>;
   if (inputs.empty()) return std::nullopt;
   const auto& extensionToFormatId = capabilities.extensionToFormatId;
 
@@ -58,7 +60,7 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
   IdSet seenSourceIds;
   const std::string* previousExt = nullptr;
   const std::string* sourceId = nullptr;
-  for (const FileInput& input : inputs) {
+  for (auto& input : inputs) {
     if (previousExt == nullptr || input.ext != *previousExt) {
       const auto found = extensionToFormatId.find(input.ext);
       if (found == extensionToFormatId.end()) return std::nullopt;
@@ -68,7 +70,11 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
         sourceIds.push_back(sourceId);
       }
     }
-    result.files.push_back(FinderFileRef{input.path, *sourceId});
+    if constexpr (kMovePaths) {
+      result.files.push_back(FinderFileRef{std::move(input.path), *sourceId});
+    } else {
+      result.files.push_back(FinderFileRef{input.path, *sourceId});
+    }
   }
 
   // Common targets: the intersection of every source's conversions, without
@@ -161,6 +167,18 @@ std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vect
 
   if (result.inlineTargets.empty() && result.groups.empty()) return std::nullopt;
   return result;
+}
+
+}  // namespace
+
+std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs,
+                         const TextRules& text) {
+  return planFor(capabilities, inputs, text);
+}
+
+std::optional<Plan> plan(const FinderCapabilities& capabilities, std::vector<FileInput>&& inputs,
+                         const TextRules& text) {
+  return planFor(capabilities, std::move(inputs), text);
 }
 
 FileInput fileInputForPath(std::string path, const TextRules& text) {

@@ -44,6 +44,9 @@ struct Plan {
 // `text`'s display-name comparison, the platform's for the current locale.
 std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs,
                          const TextRules& text);
+// The same, moving the inputs' paths into the plan's files.
+std::optional<Plan> plan(const FinderCapabilities& capabilities, std::vector<FileInput>&& inputs,
+                         const TextRules& text);
 
 // A file input for a path as the menu takes it: the extension is the text
 // after the last dot of the last path component (empty when there is none),

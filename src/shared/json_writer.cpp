@@ -1,6 +1,7 @@
 #include "shared/json_writer.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace palvin::json {
 
@@ -42,6 +43,15 @@ bool isValidUtf8(std::string_view s) {
   const auto* p = reinterpret_cast<const unsigned char*>(s.data());
   const auto* end = p + s.size();
   while (p < end) {
+    // Paths and names are mostly ASCII: eight bytes at a time until a byte
+    // with the high bit set.
+    while (end - p >= 8) {
+      std::uint64_t word;
+      std::memcpy(&word, p, sizeof word);
+      if ((word & 0x8080808080808080ull) != 0) break;
+      p += 8;
+    }
+    if (p == end) break;
     int n = sequenceLength(p, end);
     if (n == 0) return false;
     p += n;

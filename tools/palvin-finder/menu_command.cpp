@@ -118,9 +118,11 @@ std::optional<std::size_t> choose(const std::vector<PickableItem>& items, const 
 
 int runMenu(const MenuOptions& options) {
   Style style = styleForStdout();
+  // The item itself must exist: a symbolic link is selected as the link,
+  // dangling or not, as the file manager selects it.
   for (const auto& path : options.paths) {
     struct stat st {};
-    if (stat(path.c_str(), &st) != 0) {
+    if (lstat(path.c_str(), &st) != 0) {
       std::cerr << "palvin-finder menu: " << path << ": no such file or directory (the selection must exist)\n";
       return kExitUsage;
     }
@@ -179,7 +181,8 @@ void registerMenuCommand(Registry registry) {
   CLI::App* command = registry.app.add_subcommand(
       "menu",
       "Build the extension's contextual menu for PATHs (which must exist; folders are dropped as the\n"
-      "Finder extension drops them) with the real controller, print it with tags, titles, separators,\n"
+      "Finder extension drops them, and a symbolic link, even to a folder or dangling, counts as a\n"
+      "file, as a selected link does in Finder) with the real controller, print it with tags, titles, separators,\n"
       "icons and tints, and optionally pick an item. The capabilities come from the shared\n"
       "container's capabilities.json; requests go to its requests directory; the log lines of the\n"
       "run are printed at the end.");
