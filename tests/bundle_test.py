@@ -89,26 +89,16 @@ check(re.fullmatch(r"[A-Za-z_]\w*", extension.get("NSExtensionPrincipalClass", "
 
 
 def strings_keys(path):
-    """The keys of a .strings file ("key" = "value"; with comments); raises
-    on anything else, as the system's parser would."""
+    """The keys of a .strings file, "key" = "value"; entries between comments;
+    raises on anything else, as the system's parser would fail the table."""
     text, keys, pos = path.read_text(encoding="utf-8"), [], 0
-    token = re.compile(r'\s+|/\*.*?\*/|//[^\n]*|"((?:[^"\\]|\\.)*)"|=|;', re.S)
-    expect = "key"
-    while pos < len(text):
-        match = token.match(text, pos)
-        if not match:
-            raise ValueError(f"{path}: unexpected text at offset {pos}")
-        pos, piece = match.end(), match.group(0)
-        if piece.isspace() or piece.startswith(("/*", "//")):
-            continue
-        wanted = {"key": '"', "equals": "=", "value": '"', "end": ";"}[expect]
-        if piece[0] != wanted:
-            raise ValueError(f"{path}: {piece!r} where a {expect} belongs")
-        if expect == "key":
-            keys.append(match.group(1))
-        expect = {"key": "equals", "equals": "value", "value": "end", "end": "key"}[expect]
-    if expect != "key":
-        raise ValueError(f"{path}: ends inside an entry")
+    gap, quoted = r"(?:\s|/\*(?:(?!\*/).)*\*/|//[^\n]*)*", r'"((?:[^"\\]|\\.)*)"'
+    entry = re.compile(gap + quoted + r"\s*=\s*" + quoted + r"\s*;", re.S)
+    while (match := entry.match(text, pos)):
+        keys.append(match.group(1))
+        pos = match.end()
+    if not re.fullmatch(gap, text[pos:], re.S):
+        raise ValueError(f"{path}: not an entry at offset {pos}")
     return keys
 
 
