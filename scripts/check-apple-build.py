@@ -358,7 +358,7 @@ def check_bundle_layout(build):
 
 
 def main():
-    command, source, work = sys.argv[1], Path(sys.argv[2]), Path(sys.argv[3])
+    command, source, work = sys.argv[1], Path(sys.argv[2]).resolve(), Path(sys.argv[3]).resolve()
     work.mkdir(parents=True, exist_ok=True)
     try:
         if command == "build":

@@ -16,7 +16,7 @@ import tempfile
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-source, work = Path(sys.argv[1]), Path(sys.argv[2])
+source, work = Path(sys.argv[1]).resolve(), Path(sys.argv[2]).resolve()
 spec = importlib.util.spec_from_file_location("check", source / "scripts/check-apple-build.py")
 check = importlib.util.module_from_spec(spec)
 spec.loader.exec_module(check)
@@ -119,6 +119,8 @@ with tempfile.TemporaryDirectory() as temporary:
                    check.SystemSymbols(source, "arm64").foreign(check.symbols(extension)[1]))
 
 # The inspections, fed inputs with one mistake each.
+# Unaltered, the inspections pass, so that each catch below is the slip's.
+failures += check.check_objects(source, work, "arm64") + check.check_plan(check.commands(build), build, sdk)
 report("a module-qualified principal class",
        check.check_objects(source, work, "arm64", principal="PalvinFinder.FinderSync"))
 
