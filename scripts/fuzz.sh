@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 seconds="${FUZZ_SECONDS:-60}"
-all_targets="capabilities-decode-fuzz capabilities-roundtrip-fuzz capabilities-plan-fuzz request-decode-fuzz request-roundtrip-fuzz"
+all_targets="capabilities-decode-fuzz capabilities-roundtrip-fuzz capabilities-plan-fuzz request-decode-fuzz request-roundtrip-fuzz result-decode-fuzz"
 read -r -a targets <<<"${FUZZ_TARGETS:-$all_targets}"
 
 bash scripts/deps.sh
@@ -24,6 +24,7 @@ failed=0
 for target in "${targets[@]}"; do
   case "$target" in
     request-*) max_len=4096; dict=fuzz/request.dict ;;
+    result-*) max_len=4096; dict=fuzz/result.dict ;;
     *) max_len=8192; dict=fuzz/capabilities.dict ;;
   esac
   # New inputs go to a scratch corpus; the committed seeds are only read.

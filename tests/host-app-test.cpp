@@ -1,13 +1,19 @@
 // End-to-end: the sample host app PalvinHost.app in the build tree, started by
-// the tool through the real launch path and on its own.
+// the tool through the real launch path and on its own, converting real files.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <zlib.h>
 
-#include <algorithm>
+#include <vips/vips8>
+
 #include <chrono>
 #include <filesystem>
+#include <future>
 #include <regex>
 #include <thread>
 
+#include "requests/conversion_result.h"
 #include "requests/request.h"
 #include "support/run_tool.h"
 
@@ -15,102 +21,264 @@ namespace palvin {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
 using testing::readText;
+using testing::TempDir;
+using Status = FinderFileResult::Status;
 
 const std::string kExample = PALVIN_SOURCE_DIR "/examples/capabilities.json";
+// Without a session bus: no desktop notification is tried.
+const std::vector<std::string> kNoBus = {"-DBUS_SESSION_BUS_ADDRESS"};
 
-// Request files still waiting in `directory`: "*.json" without a leading dot.
-std::size_t waiting(const std::string& directory) {
-  std::error_code ignored;
-  return std::count_if(
-      fs::directory_iterator(directory, ignored), fs::directory_iterator(), [](const auto& entry) {
-        return entry.path().extension() == ".json" && entry.path().filename().string()[0] != '.';
-      });
+testing::ToolRun runHost(const std::string& container, std::vector<std::string> env = {},
+                         const std::function<void(int)>& started = {}) {
+  env.insert(env.end(), {"PALVIN_SHARED_CONTAINER=" + container, "-DBUS_SESSION_BUS_ADDRESS"});
+  return testing::runProgram(PALVIN_HOST_APP_PATH, {}, env, started);
 }
 
-// The number of conversions noted in a result file.
-std::size_t notes(const std::string& result) {
-  std::string text = readText(result);
-  return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+// The bound only keeps a broken host app from hanging the suite.
+bool waitFor(const std::function<bool()>& done) {
+  for (auto deadline = std::chrono::steady_clock::now() + 120s; !done();) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(10ms);
+  }
+  return true;
 }
 
-testing::ToolRun runHost(const std::string& container, std::vector<std::string> args = {}) {
-  return testing::runProgram(PALVIN_HOST_APP_PATH, args, {"PALVIN_SHARED_CONTAINER=" + container});
+// An image with some detail, so that encoders have work to do.
+std::string writeImage(const TempDir& dir, const std::string& name, int width, int height) {
+  std::string path = dir.file(name);
+  fs::create_directories(fs::path(path).parent_path());
+  vips::VImage::gaussnoise(width, height).bandjoin({vips::VImage::xyz(width, height)}).cast(VIPS_FORMAT_UCHAR).write_to_file(path.c_str());
+  return path;
 }
 
-TEST(HostApp, PickFromTheBuildTreeStartsTheHostAppWhichConsumesTheRequest) {
-  testing::TempDir dir;
-  const std::string container = dir.file("container"), requests = container + "/requests";
-  // Newer than the host app's own catalogue, so it stays.
-  const std::string catalogue = dir.write("container/capabilities.json", readText(kExample) + " ");
-  const std::string photo = dir.write("Files/photo.png", "x");
+// One second of a 440 Hz tone, 8 kHz mono 16-bit PCM.
+std::string writeWav(const TempDir& dir, const std::string& name) {
+  std::string data;
+  for (int i = 0; i < 8000; ++i) {
+    auto sample = static_cast<std::int16_t>(8000 * std::sin(2 * M_PI * 440 * i / 8000.0));
+    data.append(reinterpret_cast<const char*>(&sample), 2);
+  }
+  auto le = [](std::uint32_t v, int n) { return std::string(reinterpret_cast<const char*>(&v), static_cast<std::size_t>(n)); };
+  return dir.write(name, "RIFF" + le(36 + data.size(), 4) + "WAVEfmt " + le(16, 4) + le(1, 2) + le(1, 2) + le(8000, 4) +
+                             le(16000, 4) + le(2, 2) + le(16, 2) + "data" + le(data.size(), 4) + data);
+}
 
+// A PNG whose header claims 20000 x 20000 pixels, in a few dozen bytes.
+std::string writeBomb(const TempDir& dir, const std::string& name) {
+  auto chunk = [](const std::string& type, const std::string& body) {
+    auto be = [](std::uint32_t v) { return std::string{char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; };
+    std::string typed = type + body;
+    return be(static_cast<std::uint32_t>(body.size())) + typed +
+           be(static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(typed.data()), static_cast<uInt>(typed.size()))));
+  };
+  std::string size = {0, 0, 0x4e, 0x20};  // 20000
+  std::string zeros(64, '\0'), packed(128, '\0');
+  uLongf packedSize = packed.size();
+  compress(reinterpret_cast<Bytef*>(packed.data()), &packedSize, reinterpret_cast<const Bytef*>(zeros.data()), zeros.size());
+  packed.resize(packedSize);
+  return dir.write(name, "\x89PNG\r\n\x1a\n" + chunk("IHDR", size + size + std::string{8, 0, 0, 0, 0}) +
+                             chunk("IDAT", packed) + chunk("IEND", ""));
+}
+
+FinderConversionResult resultOf(const std::string& container, const std::string& request) {
+  auto decoded = FinderConversionResult::decode(readText(container + "/results/" + request));
+  return decoded.ok() ? *decoded : FinderConversionResult{"(no result document)", {}};
+}
+
+// The output is a WebP image ("RIFF", size, "WEBP") that decodes to `width` x `height`.
+void expectWebp(const std::string& path, int width, int height) {
+  std::string bytes = readText(path);
+  ASSERT_TRUE(bytes.size() > 12 && bytes.starts_with("RIFF") && bytes.substr(8, 4) == "WEBP") << path;
+  vips::VImage image = vips::VImage::new_from_file(path.c_str());
+  EXPECT_EQ(std::pair(image.width(), image.height()), std::pair(width, height)) << path;
+}
+
+std::size_t leftovers(const std::string& directory) {
+  std::size_t count = 0;
+  for (const auto& entry : fs::directory_iterator(directory)) count += entry.path().filename().string().ends_with(".tmp");
+  return count;
+}
+
+TEST(HostApp, PicksWebPForTwoPngsAndAJpegThroughTheToolAndGetsRealWebpFiles) {
+  TempDir dir;
+  const std::string container = dir.file("container"), catalogue = container + "/capabilities.json";
+  dir.write("container/capabilities.json", readText(kExample));
+  // The host app replaces a catalogue that differs from its own; its own
+  // passes the check, with or without ffmpeg, and is not rewritten when equal.
+  for (const std::string& path : {std::string("PATH=/nonexistent"), "PATH=" + std::string(std::getenv("PATH"))}) {
+    ASSERT_EQ(runHost(container, {path}).exitCode, 0);
+    auto check = testing::runTool({"check", catalogue});
+    EXPECT_EQ(check.exitCode, 0) << check.out;
+    EXPECT_NE(check.out.find("usable, 0 warning(s)"), std::string::npos) << check.out;
+    EXPECT_EQ(readText(catalogue).find("\"mp3\"") == std::string::npos, path == "PATH=/nonexistent");
+  }
+  const auto installed = fs::last_write_time(catalogue);
+  ASSERT_EQ(runHost(container).exitCode, 0);
+  EXPECT_EQ(fs::last_write_time(catalogue), installed);
+
+  std::vector<std::string> files = {writeImage(dir, "Files/a.png", 64, 48), writeImage(dir, "Files/b.png", 30, 20),
+                                    writeImage(dir, "Files/c.jpg", 50, 40)};
+  dir.write("Files/a.webp", "mine");  // never overwritten: a's output is "a 2.webp"
+  std::vector<std::string> args = {"menu", "--container", container};
+  args.insert(args.end(), files.begin(), files.end());
+  std::smatch tag;
+  const std::string menu = testing::runTool(args, {"NO_COLOR=1"}).out;
+  ASSERT_TRUE(std::regex_search(menu, tag, std::regex("\\[(\\d+)\\] WebP"))) << menu;
+  args.insert(args.begin() + 3, {"--pick", tag[1].str()});
   // Through the link at the top of the build tree: the tool still knows its
   // bundle inside PalvinHost.app and starts the host app, which outlives it.
-  auto run = testing::runProgram(PALVIN_TOOL_LINK, {"menu", "--container", container, "--pick", "1", photo},
-                                 {"NO_COLOR=1"});
+  auto run = testing::runProgram(PALVIN_TOOL_LINK, args, {"NO_COLOR=1", "-DBUS_SESSION_BUS_ADDRESS"});
   ASSERT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(run.out.find("host app"), std::string::npos) << "the launch failed:\n" << run.out;
-  std::smatch target;
-  ASSERT_TRUE(std::regex_search(run.out, target, std::regex("file\\(s\\) \xE2\x86\x92 (\\S+)"))) << run.out;
-  const std::string result = photo + "." + target[1].str() + ".txt";
-  auto done = [&] {
-    return fs::exists(result) && waiting(requests) + waiting(requests + "/processing") == 0;
-  };
-  // The bound only keeps a broken host app from hanging the suite.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (!done() && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  ASSERT_TRUE(done());
-  EXPECT_EQ(notes(result), 1u);
-  EXPECT_FALSE(fs::exists(requests + "/failed"));
-  EXPECT_EQ(readText(catalogue), readText(kExample) + " ");
+  std::smatch request;
+  ASSERT_TRUE(std::regex_search(run.out, request, std::regex("Wrote request (\\S+\\.json)"))) << run.out;
+  ASSERT_TRUE(waitFor([&] { return resultOf(container, request[1]).count(Status::pending) == 0 &&
+                                   !fs::exists(container + "/requests/processing/" + request[1].str()); }));
+
+  const std::string at = dir.file("Files/");
+  EXPECT_EQ(resultOf(container, request[1]),
+            (FinderConversionResult{"webp", {{files[0], Status::converted, at + "a 2.webp", ""},
+                                             {files[1], Status::converted, at + "b.webp", ""},
+                                             {files[2], Status::converted, at + "c.webp", ""}}}));
+  expectWebp(at + "a 2.webp", 64, 48);
+  expectWebp(at + "b.webp", 30, 20);
+  expectWebp(at + "c.webp", 50, 40);
+  EXPECT_EQ(readText(at + "a.webp"), "mine");
+  EXPECT_EQ(leftovers(at), 0u);
 }
 
-// Every request once, by whichever instance claims it first; a bad one is set
-// aside and logged, and one file that fails does not stop the others.
-TEST(HostApp, TwoInstancesTakeEveryRequestOnceAndSetBadOnesAside) {
-  testing::TempDir dir;
-  const std::string container = dir.file("container"), requests = container + "/requests";
-  std::vector<std::string> sources;
-  for (int i = 0; i < 200; ++i) {
-    sources.push_back(dir.write("Files/f" + std::to_string(i) + ".png", "x"));
-    dir.write("container/requests/" + newRequestFileName(),
-              *FinderConversionRequest{"webp", {{sources.back(), "png"}}}.encode());
-  }
-  const std::string wrongType = R"({"targetFormatId":1,"files":[]})";
-  dir.write("container/requests/bad.json", wrongType);
-  dir.write("container/requests/escape.json", *FinderConversionRequest{"../x/y", {}}.encode());
-  // The first file's directory can't take a result, even for root.
-  dir.write("container/requests/proc.json",
-            *FinderConversionRequest{"gif", {{"/proc/version", "txt"}, {sources[0], "png"}}}.encode());
-  // Not requests: a write under way and another kind of file.
-  dir.write("container/requests/.AB12.json", "{");
-  dir.write("container/requests/notes.txt", "keep");
-  // Older than the host app's own catalogue, so it is replaced.
-  const std::string catalogue = dir.write("container/capabilities.json", "{}");
-  fs::last_write_time(catalogue, fs::last_write_time(catalogue) - std::chrono::hours(24 * 365 * 10));
+// One request per target; every file that can't be converted fails alone,
+// with its reason, and leaves nothing behind.
+TEST(HostApp, ConvertsRealFilesAndRefusesUntrustedOnesOneByOne) {
+  TempDir dir, elsewhere;
+  const std::string container = dir.file("container"), files = dir.file("Files");
+  const std::string png = writeImage(dir, "Files/fine.png", 40, 30), wav = writeWav(dir, "Files/tone.wav");
+  const std::string corrupt = dir.write("Files/corrupt.png", readText(writeImage(dir, "Files/whole.png", 300, 200)).substr(0, 3000));
+  ::mkfifo((files + "/pipe.png").c_str(), 0600);
+  fs::create_directory(files + "/folder.png");
+  fs::create_symlink(writeImage(elsewhere, "real.png", 8, 8), files + "/link.png");
+  const std::string bomb = writeBomb(dir, "Files/bomb.png");
+  // clang-format off
+  const std::vector<std::tuple<std::string, std::string, std::string>> cases = {  // path, source, outcome
+      {png, "png", "fine.webp"},
+      {files + "/link.png", "png", "link.webp"},  // beside the link, not beside what it points to
+      {corrupt, "png", "read error"},
+      {bomb, "png", "image too large: 20000 x 20000 pixels"},
+      {files + "/pipe.png", "png", "a FIFO, not a regular file"},
+      {"/dev/null", "png", "a device, not a regular file"},
+      {files + "/folder.png", "png", "a directory, not a regular file"},
+      {"Files/fine.png", "png", "not an absolute path"},
+      {png + std::string(1, '\0') + "x", "png", "the path holds a NUL byte"},
+      {png, "mp3", "this host app does not convert mp3 to webp"},
+  };
+  // clang-format on
+  FinderConversionRequest images{"webp", {}};
+  for (const auto& [path, source, outcome] : cases) images.files.push_back({path, source});
+  dir.write("container/requests/images.json", *images.encode());
+  dir.write("container/requests/sound.json", *FinderConversionRequest{"mp3", {{wav, "wav"}}}.encode());
+  dir.write("container/requests/unknown.json", *FinderConversionRequest{"exe", {{png, "png"}}}.encode());
+  dir.write("container/requests/bad.json", R"({"targetFormatId":1,"files":[]})");
+  dir.write("container/requests/.AB12.json", "{");  // a write under way
+  dir.write("container/host-app.log", "2026-11-23T09:00:00.000Z [INFO] torn by a ki");
 
-  std::vector<testing::ToolRun> runs(2);
-  {
-    std::jthread first([&] { runs[0] = runHost(container); }), second([&] { runs[1] = runHost(container); });
+  auto run = runHost(container);
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  auto result = resultOf(container, "images.json");
+  ASSERT_EQ(result.files.size(), cases.size());
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const auto& [path, source, outcome] = cases[i];
+    const auto& file = result.files[i];
+    EXPECT_EQ(file.status, outcome.ends_with(".webp") ? Status::converted : Status::failed) << path;
+    EXPECT_NE((file.outputPath.empty() ? file.error : file.outputPath).find(outcome), std::string::npos) << file.error;
+    if (file.status == Status::converted) {
+      EXPECT_EQ(fs::path(file.outputPath).parent_path(), files);
+    }
   }
-  for (const auto& run : runs) EXPECT_EQ(run.exitCode, 0) << run.err;
-  for (const auto& source : sources) EXPECT_EQ(notes(source + ".webp.txt"), 1u) << source;
-  EXPECT_EQ(notes(sources[0] + ".gif.txt"), 1u);
-  EXPECT_TRUE(fs::is_empty(requests + "/processing"));
-  EXPECT_EQ(readText(requests + "/failed/bad.json"), wrongType);
-  EXPECT_TRUE(fs::exists(requests + "/failed/escape.json"));
-  EXPECT_EQ(readText(requests + "/.AB12.json") + readText(requests + "/notes.txt"), "{keep");
-  EXPECT_EQ(readText(catalogue), readText(kExample));
-  // Exactly the three failures are logged, each on the line that names it.
+  expectWebp(files + "/link.webp", 8, 8);
+  EXPECT_EQ(leftovers(files), 0u);
+  EXPECT_FALSE(fs::exists(files + "/corrupt.webp") || fs::exists(files + "/bomb.webp"));
+
+  auto sound = resultOf(container, "sound.json");
+  ASSERT_EQ(sound.count(Status::converted), 1u) << sound.files.at(0).error;
+  auto probe = testing::runProgram("/usr/bin/ffprobe", {"-v", "error", "-show_entries", "format=format_name,duration",
+                                                        "-of", "csv=p=0", sound.files[0].outputPath});
+  EXPECT_TRUE(std::regex_match(probe.out, std::regex("mp3,1\\.[01]\\d*\n"))) << probe.out << probe.err;
+  EXPECT_EQ(resultOf(container, "unknown.json").files.at(0).error, "this host app does not convert png to exe");
+  EXPECT_EQ(readText(container + "/requests/failed/bad.json"), R"({"targetFormatId":1,"files":[]})");
+  EXPECT_EQ(readText(container + "/requests/.AB12.json"), "{");
+  // The torn line is ended before the next one; the failures are logged.
   const std::string log = readText(container + "/host-app.log");
-  const std::regex error("\\[ERROR\\][^\n]*");
-  EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), error), std::sregex_iterator()), 3)
-      << log;
-  for (std::string reported : {"bad\\.json", "escape\\.json", "/proc/version\\.gif\\.txt"})
-    EXPECT_TRUE(std::regex_search(log, std::regex("\\[ERROR\\][^\n]*" + reported))) << reported;
+  EXPECT_TRUE(std::regex_search(log, std::regex("^[^\n]*torn by a ki\n\\d{4}-\\d\\d-\\d\\dT"))) << log;
+  EXPECT_TRUE(std::regex_search(log, std::regex("\\[ERROR\\] Rejected request bad\\.json: targetFormatId"))) << log;
+
+  auto listing = testing::runTool({"requests", "--container", container}, {"NO_COLOR=1"});
+  EXPECT_EQ(listing.exitCode, 0);
+  EXPECT_NE(listing.out.find("3 result document(s)"), std::string::npos) << listing.out;
+  EXPECT_NE(listing.out.find("/dev/null  failed: a device, not a regular file\n"), std::string::npos) << listing.out;
+}
+
+std::string requestOfImages(const TempDir& dir, const std::string& folder, int count) {
+  FinderConversionRequest request{"webp", {}};
+  for (int i = 0; i < count; ++i) {
+    request.files.push_back({writeImage(dir, folder + "/" + std::to_string(i) + ".png", 600, 450), "png"});
+  }
+  return *request.encode();
+}
+
+// Killed with SIGKILL mid-request, stopped with SIGTERM mid-request, or racing
+// another instance: every file ends up converted exactly once.
+TEST(HostApp, KilledOrStoppedInstancesLoseNothing) {
+  TempDir dir;
+  const std::string container = dir.file("container"), requests = container + "/requests";
+  dir.write("container/requests/killed.json", requestOfImages(dir, "Killed", 40));
+  std::atomic<int> pid{0};
+  auto killed = std::async(std::launch::async, [&] { return runHost(container, {}, [&](int p) { pid = p; }); });
+  ASSERT_TRUE(waitFor([&] { return resultOf(container, "killed.json").count(Status::converted) > 0; }));
+  ::kill(pid, SIGKILL);
+  EXPECT_EQ(killed.get().exitCode, 128 + SIGKILL);
+  ASSERT_TRUE(fs::exists(requests + "/processing/killed.json"));
+
+  // A watching instance takes the abandoned claim over, then one that arrives.
+  auto watching = std::async(std::launch::async, [&] {
+    return testing::runProgram(PALVIN_HOST_APP_PATH, {"--watch"}, {"PALVIN_SHARED_CONTAINER=" + container, "-DBUS_SESSION_BUS_ADDRESS"},
+                               [&](int p) { pid = p; });
+  });
+  ASSERT_TRUE(waitFor([&] { return resultOf(container, "killed.json").count(Status::pending) == 0; }));
+  fs::rename(dir.write("container/.stopped", requestOfImages(dir, "Stopped", 40)), requests + "/stopped.json");
+  ASSERT_TRUE(waitFor([&] { return resultOf(container, "stopped.json").count(Status::converted) > 0; }));
+  ::kill(pid, SIGTERM);
+  EXPECT_EQ(watching.get().exitCode, 0);
+  EXPECT_TRUE(fs::exists(requests + "/stopped.json"));  // returned unfinished
+  EXPECT_GT(resultOf(container, "stopped.json").count(Status::pending), 0u);
+
+  // Two instances finish it and take twenty more, each exactly once.
+  for (int i = 0; i < 20; ++i) dir.write("container/requests/r" + std::to_string(i) + ".json", requestOfImages(dir, "Race" + std::to_string(i), 1));
+  auto second = std::async(std::launch::async, [&] { return runHost(container); });
+  EXPECT_EQ(runHost(container).exitCode, 0);
+  EXPECT_EQ(second.get().exitCode, 0);
+  for (const std::string folder : {"Killed", "Stopped", "Race0", "Race19"}) {
+    const std::string request = folder.starts_with("Race") ? "r" + folder.substr(4) : (folder == "Killed" ? "killed" : "stopped");
+    auto result = resultOf(container, request + ".json");
+    EXPECT_EQ(result.count(Status::converted), result.files.size()) << folder;
+    for (const auto& file : result.files) expectWebp(file.outputPath, 600, 450);
+    EXPECT_EQ(leftovers(dir.file(folder)), 0u);
+  }
+  // A stop converts nothing twice (only a SIGKILL between an output's rename
+  // and its record could).
+  std::size_t outputs = 0;
+  for (const auto& entry : fs::directory_iterator(dir.file("Stopped"))) outputs += entry.path().extension() == ".webp";
+  EXPECT_EQ(outputs, 40u);
+  EXPECT_TRUE(fs::is_empty(requests + "/processing"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(container + "/results"), fs::directory_iterator()), 22);
+  EXPECT_NE(readText(container + "/host-app.log").find("[WARN] Recovered request killed.json"), std::string::npos);
 }
 
 }  // namespace
 }  // namespace palvin
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  if (VIPS_INIT(argv[0]) != 0) return 1;
+  return RUN_ALL_TESTS();
+}

@@ -98,10 +98,15 @@ TEST(ToolDemo, WalksThroughEveryStepAndKeepsTheContainerOnlyWhenAsked) {
   // clang-format off
   for (const char* text : {"The menu for one image", "A mixed selection", "no common target", "Folders only",
                            "Request file: requests/", R"({"targetFormatId":"webp")", "Request consumed",
-                           "Result file: Files/photo.png.webp.txt", "stale menu state for tag",
+                           "Result document: results/", R"("status":"converted")",
+                           "Files/photo.webp: RIFF (little-endian) data, Web/P image, ",
+                           "Files/scan.webp: RIFF (little-endian) data, Web/P image, ", "stale menu state for tag",
                            "Convert with Palvin \u2014 open to set up", "Failed to decode capabilities: ", "The log file"})
     EXPECT_NE(run.out.find(text), std::string::npos) << text;
   // clang-format on
+  // The sizes are read from the WebP headers: the samples are 96 x 64.
+  const std::regex size("encoding, 96x64\n");
+  EXPECT_EQ(std::distance(std::sregex_iterator(run.out.begin(), run.out.end(), size), std::sregex_iterator()), 2);
   std::smatch kept;
   ASSERT_TRUE(std::regex_search(run.out, kept, std::regex("Kept: (\\S+)")));
   EXPECT_TRUE(std::filesystem::exists(kept[1].str() + "/container/finder-extension.log"));

@@ -1,219 +1,113 @@
-// PalvinHost, a sample host app for Linux: the other end of the request
-// hand-off, and a reference for writing a real one.
+// PalvinHost, the sample host app for Linux: the other end of the request
+// hand-off, a converter to keep, and a reference for writing a host app.
 //
 // The extension writes each conversion request as a JSON file into
-// "<container>/requests" and then starts the host app, the executable
-// "AppRun" at the top of the bundle PalvinHost.app. This program takes every
-// request it finds there, one at a time:
+// "<container>/requests" and starts the host app, the executable "AppRun" at
+// the top of the bundle PalvinHost.app. FinderRequestQueue (src/requests,
+// shared with every host app) claims, decodes and finishes each request and
+// records "results/<request>"; this program supplies what is Linux's own:
 //
-//   claim   rename() the file into requests/processing/, so that no other
-//           instance can take it too;
-//   decode  FinderConversionRequest::decode; a bad request is logged and
-//           moved to requests/failed/, never deleted;
-//   act     "convert" each file (here: write a note beside it);
-//   remove  delete the claimed file.
+//   converters.*        the table of conversions, and the catalogue built from it
+//   file_converter.*    the checks on one untrusted file, its output beside it
+//   image_engine.cpp    libvips; media_engine.cpp ffmpeg; pdf_engine.cpp poppler
+//   request_watch.*     --watch: inotify and the notification FIFO
+//   host_log.*          host-app.log
+//   desktop_notification.*  libnotify
 //
-// and exits once no request is left. It also installs its catalogue,
-// capabilities.json, into the container, since the extension offers only
-// what that document lists.
+// Without --watch it handles what is waiting and exits once nothing is left;
+// with it, it keeps running and wakes when a request lands. SIGTERM or SIGINT
+// finish the files under way and put unfinished requests back.
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <palvin/identifiers.h>
+#include <vips/vips8>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <iostream>
-#include <string>
-#include <tuple>
-#include <vector>
+#include <thread>
 
 #include "catalogue/capabilities.h"
-#include "platform/linux_files.h"
+#include "converters.h"
+#include "desktop_notification.h"
+#include "file_converter.h"
+#include "host_log.h"
 #include "platform/linux_platform.h"
-#include "requests/request.h"
-#include "shared/log.h"
+#include "request_watch.h"
+#include "requests/request_queue.h"
 #include "shared/paths.h"
 
 namespace palvin::host {
 namespace {
 
-namespace fs = std::filesystem;
 using Level = FinderLog::Level;
 
 constexpr std::string_view kCapabilitiesName = "capabilities.json";
-constexpr std::string_view kLogName = "host-app.log";
-constexpr std::string_view kProcessingName = "processing";
-constexpr std::string_view kFailedName = "failed";
+constexpr const char* kUsage =
+    "Usage: AppRun [--watch] [--activate]\n"
+    "PalvinHost converts the files picked in the Convert menu: it takes the requests in\n"
+    "<shared container>/requests, writes each output beside its source (never replacing a\n"
+    "file), records every file's outcome in <shared container>/results/<request>, and logs to\n"
+    "<shared container>/host-app.log. It installs its catalogue, capabilities.json, first.\n"
+    "\n"
+    "  --watch     keep running: wake on new requests (inotify and the notification FIFO)\n"
+    "              until SIGTERM or SIGINT, which finish or return the work under way\n"
+    "  --activate  print what the shared container holds (the menu's \"open to set up\")\n"
+    "\n"
+    "The shared container is $PALVIN_SHARED_CONTAINER (absolute), else $XDG_DATA_HOME/<app group>,\n"
+    "else ~/.local/share/<app group>. Audio and video need the ffmpeg program in $PATH.\n";
 
-bool isOlder(const FileTime& a, const FileTime& b) {
-  return std::tie(a.seconds, a.nanoseconds) < std::tie(b.seconds, b.nanoseconds);
+// Written by the signal handler, read by the watch: one byte wakes it.
+int stopPipe[2] = {-1, -1};
+FinderRequestQueue* runningQueue = nullptr;
+
+void onStopSignal(int) {
+  int saved = errno;
+  if (runningQueue != nullptr) runningQueue->requestStop();
+  [[maybe_unused]] ssize_t ignored = ::write(stopPipe[1], "x", 1);
+  errno = saved;
 }
 
-// A request is a "*.json" file. Names with a leading dot are the temporary
-// files of atomic writes still under way, and must be left alone.
-bool isRequestName(std::string_view name) {
-  return !name.empty() && name[0] != '.' && name.size() > 5 && name.ends_with(".json");
+void handleStopSignals() {
+  if (::pipe2(stopPipe, O_CLOEXEC | O_NONBLOCK) != 0) return;
+  struct sigaction action {};
+  action.sa_handler = onStopSignal;
+  sigemptyset(&action.sa_mask);
+  for (int signal : {SIGTERM, SIGINT}) ::sigaction(signal, &action, nullptr);
 }
 
-// Appends one whole line in a single write: O_APPEND makes concurrent
-// appends from several instances land as whole lines, never interleaved.
-bool appendLine(const std::string& path, std::string_view line, std::string* error) {
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0666);
-  if (fd < 0) {
-    *error = linux_files::describe(path, errno);
-    return false;
-  }
-  ssize_t written = ::write(fd, line.data(), line.size());
-  int err = written < 0 ? errno : 0;
-  ::close(fd);
-  if (written == static_cast<ssize_t>(line.size())) return true;
-  *error = linux_files::describe(path, err != 0 ? err : EIO);
-  return false;
+// When this program was built: the catalogue's "generatedAt".
+std::string buildTime() {
+  struct stat info {};
+  if (::stat("/proc/self/exe", &info) != 0) return "";
+  using namespace std::chrono;
+  auto since = seconds(info.st_mtim.tv_sec) + nanoseconds(info.st_mtim.tv_nsec);
+  return FinderLog::formatTimestamp(system_clock::time_point(duration_cast<system_clock::duration>(since)));
 }
 
-class HostApp {
- public:
-  HostApp(LinuxPlatform& platform, std::string container)
-      : platform_(platform),
-        container_(std::move(container)),
-        requests_(requestDirectory(container_)),
-        processing_(paths::join(requests_, kProcessingName)),
-        failed_(paths::join(requests_, kFailedName)) {}
-
-  void describeContainer();
-  void installCapabilities();
-  bool processRequests();
-
- private:
-  void log(Level level, const std::string& message);
-  std::vector<std::string> claimableNames();
-  bool claim(const std::string& name);
-  void handle(const std::string& name);
-  void convert(const FinderConversionRequest& request, const std::string& name);
-
-  LinuxPlatform& platform_;
-  std::string container_;
-  std::string requests_;
-  std::string processing_;
-  std::string failed_;
-};
-
-// The host's own log, in the extension's line format, beside the
-// extension's log so that the two can be read side by side.
-void HostApp::log(Level level, const std::string& message) {
-  std::string line = FinderLog::formatLine(platform_.now(), level, message);
-  std::string error;
-  if (!appendLine(paths::join(container_, kLogName), line, &error)) {
-    std::cerr << line << "(" << error << ")\n";
-  }
-}
-
-// Sorted, so that one instance handles requests in a stable order; a host
-// that must keep the order of arrival would sort by modification time.
-std::vector<std::string> HostApp::claimableNames() {
-  std::vector<std::string> names;
-  std::error_code error;
-  for (const auto& entry : fs::directory_iterator(requests_, error)) {
-    std::string name = entry.path().filename().string();
-    if (isRequestName(name)) names.push_back(std::move(name));
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-// rename() is atomic: of several instances renaming the same file, exactly
-// one succeeds and the others find it gone (ENOENT).
-bool HostApp::claim(const std::string& name) {
-  const std::string waiting = paths::join(requests_, name);
-  if (::rename(waiting.c_str(), paths::join(processing_, name).c_str()) == 0) return true;
-  if (errno != ENOENT) log(Level::error, "Cannot claim " + linux_files::describe(waiting, errno));
-  return false;
-}
-
-void HostApp::handle(const std::string& name) {
-  const std::string claimed = paths::join(processing_, name);
-  auto bytes = platform_.readFile(claimed);
-  Result<FinderConversionRequest> request =
-      bytes.ok() ? FinderConversionRequest::decode(*bytes) : Error{bytes.error()};
-  // The target becomes part of a file name, so it must not lead elsewhere.
-  if (request.ok() &&
-      (request->targetFormatId.empty() ||
-       request->targetFormatId.find_first_of(std::string_view("/\0", 2)) != std::string::npos)) {
-    request = Error{"targetFormatId: not a plain name"};
-  }
-  if (!request.ok()) {
-    log(Level::error, "Rejected request " + name + ": " + request.error());
-    auto created = platform_.createDirectories(failed_);
-    if (!created.ok() || ::rename(claimed.c_str(), paths::join(failed_, name).c_str()) != 0) {
-      log(Level::error,
-          "Cannot move aside " + (created.ok() ? linux_files::describe(claimed, errno) : created.error()));
-    }
-    return;
-  }
-  convert(*request, name);
-  if (::unlink(claimed.c_str()) != 0) {
-    log(Level::error, "Cannot remove " + linux_files::describe(claimed, errno));
-  }
-}
-
-// Stands in for the conversion: a note "<file>.<target>.txt" beside each
-// source. It is appended to, one line per conversion, so a file converted
-// twice would show two lines. One file that fails does not stop the others.
-void HostApp::convert(const FinderConversionRequest& request, const std::string& name) {
-  for (const auto& file : request.files) {
-    std::string result = paths::join(paths::parent(file.path), std::string(paths::lastComponent(file.path)) +
-                                                                   "." + request.targetFormatId + ".txt");
-    std::string line = "Converted " + file.path + " (" + file.sourceFormatId + ") to " +
-                       request.targetFormatId + " for request " + name + "\n";
-    std::string error;
-    if (!appendLine(result, line, &error)) log(Level::error, "Cannot write result: " + error);
-  }
-  log(Level::info, "Handled request " + name + ": " + std::to_string(request.files.size()) +
-                       " file(s) \xE2\x86\x92 " + request.targetFormatId);
-}
-
-// One pass over the request directory; true when it claimed anything, as
-// requests may have arrived meanwhile.
-bool HostApp::processRequests() {
-  bool claimedAny = false;
-  for (const auto& name : claimableNames()) {
-    if (!claim(name)) continue;
-    claimedAny = true;
-    handle(name);
-  }
-  return claimedAny;
-}
-
-// The bundled catalogue replaces the container's when that one is missing or
-// older, so an updated host app brings its new formats to the extension.
-// Written atomically: the extension may read it at any moment.
-void HostApp::installCapabilities() {
-  std::string bundled = paths::join(platform_.bundlePath(), "Contents/Resources/capabilities.json");
-  std::string installed = paths::join(container_, kCapabilitiesName);
-  auto ours = platform_.modificationDate(bundled);
-  if (!ours.ok()) {
-    log(Level::error, "No bundled capabilities: " + ours.error());
-    return;
-  }
-  auto theirs = platform_.modificationDate(installed);
-  if (theirs.ok() && !isOlder(theirs->modified, ours->modified)) return;
-  auto bytes = platform_.readFile(bundled);
-  Status written =
-      bytes.ok() ? platform_.writeFileAtomically(installed, *bytes) : Status(Error{bytes.error()});
-  if (written.ok()) {
-    log(Level::info, "Installed " + installed);
+// The container's catalogue is replaced whenever it differs from the one
+// this host app would write now: the host app owns the document, and only its
+// own table says what it can do (which changes with the build and with
+// ffmpeg being installed or removed). An equal document is left alone, so the
+// extension's cache, keyed by modification date, stays valid.
+void installCatalogue(Platform& platform, const HostLog& log, const ConverterTable& table, const std::string& container) {
+  std::string ours = table.catalogue(buildTime()).encode(/*pretty=*/true) + "\n";
+  std::string installed = paths::join(container, kCapabilitiesName);
+  auto theirs = platform.readFile(installed);
+  if (theirs.ok() && *theirs == ours) return;
+  if (auto written = platform.writeFileAtomically(installed, ours); written.ok()) {
+    log.log(Level::info, "Installed " + installed);
   } else {
-    log(Level::error, "Cannot install capabilities: " + written.error());
+    log.log(Level::error, "Cannot install capabilities: " + written.error());
   }
 }
 
-void HostApp::describeContainer() {
-  std::cout << "PalvinHost\nShared container: " << container_ << '\n';
-  auto catalogue = platform_.readFile(paths::join(container_, kCapabilitiesName));
+void describeContainer(Platform& platform, const std::string& container, const FinderRequestQueue& queue) {
+  std::cout << "PalvinHost\nShared container: " << container << '\n';
+  auto catalogue = platform.readFile(paths::join(container, kCapabilitiesName));
   auto decoded = catalogue.ok() ? FinderCapabilities::decode(*catalogue) : Error{catalogue.error()};
   std::cout << "  capabilities.json  ";
   if (decoded.ok()) {
@@ -221,10 +115,47 @@ void HostApp::describeContainer() {
   } else {
     std::cout << (catalogue.ok() ? "unusable: " : "missing: ") << decoded.error() << '\n';
   }
-  std::cout << "  requests/          " << claimableNames().size() << " pending\n";
-  std::error_code error;
-  auto logSize = fs::file_size(paths::join(container_, kLogName), error);
-  std::cout << "  host-app.log       " << (error ? "none" : std::to_string(logSize) + " bytes") << '\n';
+  auto count = [](const std::string& directory) {
+    auto names = listRequestFileNames(directory);
+    return names.ok() ? names->size() : 0;
+  };
+  std::cout << "  requests/          " << count(queue.requestsDirectory()) << " pending, "
+            << count(queue.processingDirectory()) << " in processing\n"
+            << "  results/           " << count(queue.resultsDirectory()) << " result document(s)\n";
+  struct stat info {};
+  bool hasLog = ::stat(paths::join(container, kHostLogName).c_str(), &info) == 0;
+  std::cout << "  host-app.log       " << (hasLog ? std::to_string(info.st_size) + " bytes" : "none") << '\n';
+}
+
+// Handles requests until none is left, or with `watch` until a stop.
+void run(FinderRequestQueue& queue, const HostLog& log, bool watch, const std::string& container) {
+  std::unique_ptr<RequestWatch> watcher;
+  if (watch) {
+    // Watching starts before the first look, so that nothing landing in
+    // between is missed.
+    std::string fifoProblem;
+    auto started = RequestWatch::start(queue.requestsDirectory(),
+                                       paths::join(paths::join(container, "notify"), ids::kRequestNotificationName),
+                                       stopPipe[0], &fifoProblem);
+    if (!started.ok()) {
+      log.log(Level::error, "Cannot watch for requests: " + started.error());
+      return;
+    }
+    if (!fifoProblem.empty()) log.log(Level::warn, "No notification FIFO, watching the directory alone: " + fifoProblem);
+    watcher = std::move(*started);
+  }
+  for (;;) {
+    queue.processPending();
+    if (!watcher || queue.stopRequested()) return;
+    auto wake = watcher->wait();
+    if (wake == RequestWatch::Wake::stop) return;
+    if (wake == RequestWatch::Wake::directoryGone) {
+      if (auto prepared = queue.prepare(); !prepared.ok() || !watcher->rewatch().ok()) {
+        log.log(Level::error, "The request directory is gone and can't be made again");
+        return;
+      }
+    }
+  }
 }
 
 }  // namespace
@@ -232,31 +163,81 @@ void HostApp::describeContainer() {
 
 int main(int argc, char** argv) {
   using namespace palvin;
-  // The extension passes its container in the environment; otherwise the
-  // usual per-user location applies, the same rule the extension follows.
-  LinuxPlatform::Options options;
-  if (const char* given = std::getenv("PALVIN_SHARED_CONTAINER"); given != nullptr && given[0] != '\0') {
-    options.container = given;
+  using namespace palvin::host;
+  bool watch = false, activate = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string_view argument = argv[i];
+    if (argument == "--watch") {
+      watch = true;
+    } else if (argument == "--activate") {
+      activate = true;
+    } else if (argument == "--help" || argument == "-h") {
+      std::cout << kUsage;
+      return 0;
+    } else {
+      std::cerr << "AppRun: unknown argument '" << argument << "'\n" << kUsage;
+      return 2;
+    }
   }
-  LinuxPlatform platform(options);
+  if (VIPS_INIT(argv[0]) != 0) {
+    std::cerr << "PalvinHost: libvips did not start: " << vips_error_buffer() << '\n';
+    return 1;
+  }
+  limitImageDecoders();
+
+  // The platform finds the container by the extension's own rule, including
+  // PALVIN_SHARED_CONTAINER, in which the extension passes the one it uses.
+  LinuxPlatform platform;
+  installPlatform(&platform);
   auto container = platform.containerPath(ids::kAppGroupIdentifier);
   if (!container) {
     std::cerr << "PalvinHost: no shared container (set PALVIN_SHARED_CONTAINER, XDG_DATA_HOME or HOME)\n";
     return 1;
   }
-  host::HostApp app(platform, *container);
-  // "--activate" asks the app to come to the front: a terminal program shows
-  // what it is about to work on.
-  if (std::find(argv + 1, argv + argc, std::string_view("--activate")) != argv + argc)
-    app.describeContainer();
-
-  if (auto created = platform.createDirectories(paths::join(requestDirectory(*container), "processing"));
-      !created.ok()) {
+  if (auto created = platform.createDirectories(*container); !created.ok()) {
     std::cerr << "PalvinHost: " << created.error() << '\n';
     return 1;
   }
-  app.installCapabilities();
-  while (app.processRequests()) {
+  HostLog log(platform, paths::join(*container, kHostLogName));
+  auto logger = [&log](FinderLog::Level level, const std::string& message) { log.log(level, message); };
+
+  const std::string ffmpeg = findProgram("ffmpeg");
+  if (ffmpeg.empty()) log.log(Level::warn, "ffmpeg not found in PATH: audio and video are not offered");
+  const ConverterTable table(!ffmpeg.empty());
+  FileConverter converter(table, ffmpeg, logger);
+
+  FinderRequestQueue::Options queueOptions;
+  queueOptions.convert = [&converter](const FinderFileTask& task, const std::atomic<bool>& stopping) {
+    return converter(task, stopping);
+  };
+  queueOptions.log = logger;
+  queueOptions.parallelism = std::max(1u, std::thread::hardware_concurrency());
+  queueOptions.finished = [&](const std::string& name, const FinderConversionResult& result) {
+    const Format* target = table.format(result.targetFormatId);
+    if (target == nullptr || result.files.empty()) return;
+    std::string body;
+    for (const auto& file : result.files) {
+      if (file.status == FinderFileResult::Status::failed) {
+        body += std::string(paths::lastComponent(file.path)) + ": " + file.error + "\n";
+      }
+    }
+    std::string summary = notificationSummary(result, target->displayName);
+    if (auto problem = notifyDesktop(summary, body)) log.log(Level::warn, "Notification not shown: " + *problem);
+    log.log(Level::debug, "Request " + name + " done: " + summary);
+  };
+  FinderRequestQueue queue(*container, queueOptions);
+  if (auto prepared = queue.prepare(); !prepared.ok()) {
+    std::cerr << "PalvinHost: " << prepared.error() << '\n';
+    return 1;
   }
+  installCatalogue(platform, log, table, *container);
+  if (activate) describeContainer(platform, *container, queue);
+
+  runningQueue = &queue;
+  handleStopSignals();
+  run(queue, log, watch, *container);
+  runningQueue = nullptr;
+  if (queue.stopRequested()) log.log(Level::info, "Stopped");
+  vips_shutdown();
   return 0;
 }

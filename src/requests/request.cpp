@@ -15,6 +15,10 @@
 
 namespace palvin {
 
+using json::lastMember;
+using json::readString;
+using json::wrongType;
+
 namespace {
 
 // Shows a string that failed UTF-8 validation so the offending bytes can be
@@ -45,34 +49,6 @@ std::string showInvalidUtf8(std::string_view s) {
 
 Error notUtf8(std::string field, std::string_view value) {
   return Error{std::move(field) + " is not valid UTF-8: \"" + showInvalidUtf8(value) + "\""};
-}
-
-Error wrongType(const std::string& path, const char* expected, simdjson::dom::element value) {
-  return Error{path + ": expected " + expected + ", found " + std::string(json::typeName(value.type()))};
-}
-
-// The value of the last member named `key`, or nothing. A repeated member
-// overrides the earlier one, as the platform decoder on macOS does.
-bool lastMember(simdjson::dom::object object, std::string_view key, simdjson::dom::element& value) {
-  bool found = false;
-  for (auto field : object) {
-    if (field.key == key) {
-      value = field.value;
-      found = true;
-    }
-  }
-  return found;
-}
-
-// Reads the required string member `key` of `object` into `out`.
-Status readString(simdjson::dom::object object, std::string_view key, const std::string& path,
-                  std::string& out) {
-  simdjson::dom::element value;
-  if (!lastMember(object, key, value)) return Error{path + ": missing"};
-  std::string_view text;
-  if (value.get(text) != simdjson::SUCCESS) return wrongType(path, "string", value);
-  out.assign(text);
-  return success();
 }
 
 }  // namespace

@@ -399,4 +399,28 @@ Result<simdjson::dom::element> parseDocument(std::string_view bytes) {
   return root;
 }
 
+Error wrongType(const std::string& path, const char* expected, simdjson::dom::element value) {
+  return Error{path + ": expected " + expected + ", found " + std::string(typeName(value.type()))};
+}
+
+bool lastMember(simdjson::dom::object object, std::string_view key, simdjson::dom::element& value) {
+  bool found = false;
+  for (auto field : object) {
+    if (field.key == key) {
+      value = field.value;
+      found = true;
+    }
+  }
+  return found;
+}
+
+Status readString(simdjson::dom::object object, std::string_view key, const std::string& path, std::string& out) {
+  simdjson::dom::element value;
+  if (!lastMember(object, key, value)) return Error{path + ": missing"};
+  std::string_view text;
+  if (value.get(text) != simdjson::SUCCESS) return wrongType(path, "string", value);
+  out.assign(text);
+  return success();
+}
+
 }  // namespace palvin::json

@@ -5,6 +5,7 @@
 
 #include <simdjson.h>
 
+#include <string>
 #include <string_view>
 
 #include "shared/result.h"
@@ -19,5 +20,16 @@ Result<simdjson::dom::element> parseDocument(std::string_view bytes);
 
 // "object", "array", "string", "number", "boolean" or "null".
 std::string_view typeName(simdjson::dom::element_type type);
+
+// "<path>: expected <expected>, found <type of value>".
+Error wrongType(const std::string& path, const char* expected, simdjson::dom::element value);
+
+// The value of the last member named `key`; false when there is none. A
+// repeated member overrides the earlier one, as the platform decoder on macOS
+// does.
+bool lastMember(simdjson::dom::object object, std::string_view key, simdjson::dom::element& value);
+
+// The required string member `key` of `object` into `out`; errors name `path`.
+Status readString(simdjson::dom::object object, std::string_view key, const std::string& path, std::string& out);
 
 }  // namespace palvin::json

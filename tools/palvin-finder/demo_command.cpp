@@ -11,8 +11,11 @@
 #include "finder/finder_sync.h"
 #include "menu_view.h"
 #include "platform/linux_platform.h"
+#include "requests/conversion_result.h"
 #include "requests/request.h"
+#include "requests/request_queue.h"
 #include "sample_catalogue.h"
+#include "sample_images.h"
 #include "shared/log.h"
 #include "shared/paths.h"
 #include "tool.h"
@@ -23,7 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // How long the demo waits for the host app to consume its request.
-constexpr std::chrono::seconds kHostAppPatience{5};
+constexpr std::chrono::seconds kHostAppPatience{20};
 
 // The Linux platform, watching the launch: it keeps the request files as they
 // are when the host app is started, since from then on the host app may take
@@ -128,17 +131,46 @@ void Demo::showNewLogLines() {
   }
 }
 
-// Request files in `directory`: "*.json", not the dot-named temporary files
-// of writes under way.
+// Request files in `directory`, by the host app's own rule.
 std::vector<std::string> requestFiles(const std::string& directory) {
   std::vector<std::string> out;
-  std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(directory, ignored)) {
-    std::string name = entry.path().filename().string();
-    if (name[0] != '.' && entry.path().extension() == ".json") out.push_back(entry.path().string());
+  if (auto names = listRequestFileNames(directory); names.ok()) {
+    for (const auto& name : *names) out.push_back(paths::join(directory, name));
   }
-  std::sort(out.begin(), out.end());
   return out;
+}
+
+std::uint32_t little(std::string_view bytes, std::size_t at, int count) {
+  std::uint32_t value = 0;
+  for (int i = count - 1; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(bytes[at + static_cast<std::size_t>(i)]);
+  return value;
+}
+
+// What file(1) says of a WebP file, from the header's own fields: proof that
+// the output is a WebP image of the source's size, not a renamed file.
+std::string describeWebp(std::string_view bytes) {
+  if (bytes.size() < 30 || bytes.substr(0, 4) != "RIFF" || bytes.substr(8, 4) != "WEBP") return "not a WebP image";
+  std::string_view chunk = bytes.substr(12, 4);
+  std::uint32_t width = 0, height = 0;
+  std::string encoding;
+  if (chunk == "VP8 " && bytes.substr(23, 3) == "\x9d\x01\x2a") {
+    encoding = "VP8 encoding";
+    width = little(bytes, 26, 2) & 0x3FFF;
+    height = little(bytes, 28, 2) & 0x3FFF;
+  } else if (chunk == "VP8L" && bytes[20] == '\x2f') {
+    encoding = "VP8L (lossless) encoding";
+    std::uint32_t bits = little(bytes, 21, 4);
+    width = (bits & 0x3FFF) + 1;
+    height = ((bits >> 14) & 0x3FFF) + 1;
+  } else if (chunk == "VP8X") {
+    encoding = "VP8X (extended) encoding";
+    width = little(bytes, 24, 3) + 1;
+    height = little(bytes, 27, 3) + 1;
+  } else {
+    return "RIFF (little-endian) data, Web/P image, unknown chunk";
+  }
+  return "RIFF (little-endian) data, Web/P image, " + encoding + ", " + std::to_string(width) + "x" +
+         std::to_string(height);
 }
 
 std::vector<RequestFile> Demo::readRequests() const {
@@ -162,44 +194,54 @@ void Demo::followHostApp(const std::vector<RequestFile>& requests) {
     return;
   }
   std::cout << "Host app started: " << style_.cyan(*platform_->launchedBundle + "/AppRun") << '\n';
-  std::vector<std::string> results;
-  for (const auto& request : requests) {
-    auto decoded = FinderConversionRequest::decode(request.json);
-    if (!decoded.ok()) continue;
-    for (const auto& file : decoded->files) {
-      results.push_back(file.path + "." + decoded->targetFormatId + ".txt");
-    }
-  }
   const std::string directory = requestDirectory(container_);
-  auto consumed = [&] {
-    if (!requestFiles(directory).empty()) return false;
-    if (!requestFiles(paths::join(directory, "processing")).empty()) return false;
-    return std::all_of(results.begin(), results.end(),
-                       [](const std::string& path) { return fs::exists(path); });
+  const std::string results = paths::join(container_, kResultsDirectoryName);
+  // Done when no request waits or is being worked on, and every request
+  // handed over has a result with an outcome for each file.
+  auto finished = [&] {
+    if (!requestFiles(directory).empty() || !requestFiles(paths::join(directory, kProcessingDirectoryName)).empty()) {
+      return false;
+    }
+    return std::all_of(requests.begin(), requests.end(), [&](const RequestFile& request) {
+      auto result = FinderConversionResult::decode(readWhole(paths::join(results, paths::lastComponent(request.path))));
+      return result.ok() && result->count(FinderFileResult::Status::pending) == 0;
+    });
   };
   auto deadline = std::chrono::steady_clock::now() + kHostAppPatience;
-  while (!consumed() && std::chrono::steady_clock::now() < deadline) {
+  while (!finished() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  if (!consumed()) {
+  if (!finished()) {
     std::cout << style_.yellow("The host app has not consumed the request within " +
                                std::to_string(kHostAppPatience.count()) + " s; going on.")
               << '\n';
     return;
   }
   std::cout << "Request consumed: requests/ holds no request file\n";
-  for (const auto& path : results) {
-    std::cout << "Result file: " << style_.cyan("Files/" + std::string(paths::lastComponent(path))) << '\n'
-              << readWhole(path);
+  for (const auto& request : requests) {
+    std::string name(paths::lastComponent(request.path));
+    std::string document = readWhole(paths::join(results, name));
+    std::cout << "Result document: " << style_.cyan("results/" + name) << '\n' << document << '\n';
+    auto result = FinderConversionResult::decode(document);
+    if (!result.ok()) continue;
+    for (const auto& file : result->files) {
+      if (file.status != FinderFileResult::Status::converted) {
+        std::cout << style_.yellow(std::string(paths::lastComponent(file.path)) + " failed: " + file.error) << '\n';
+        continue;
+      }
+      std::string output = "Files/" + std::string(paths::lastComponent(file.outputPath));
+      std::cout << "Converted: " << style_.cyan(output) << '\n'
+                << "  " << output << ": " << describeWebp(readWhole(file.outputPath)) << '\n';
+    }
   }
 }
 
 int Demo::run(bool keep) {
   const std::string catalogue = paths::join(container_, "capabilities.json");
   writeFile(catalogue, kSampleCatalogue);
-  for (const char* name : {"photo.png", "scan.JPG", "report.pdf", "clip.mov", "voice.wav"}) {
-    writeFile(paths::join(files_, name), "sample\n");
-  }
+  writeFile(paths::join(files_, "photo.png"), kSamplePhotoPng);
+  writeFile(paths::join(files_, "scan.JPG"), kSampleScanJpeg);
+  for (const char* name : {"report.pdf", "clip.mov", "voice.wav"}) writeFile(paths::join(files_, name), "sample\n");
   fs::create_directories(paths::join(files_, "Album"));
 
   LinuxPlatform::Options options;

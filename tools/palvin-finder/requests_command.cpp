@@ -9,7 +9,9 @@
 #include <set>
 
 #include "platform/platform.h"
+#include "requests/conversion_result.h"
 #include "requests/request.h"
+#include "requests/request_queue.h"
 #include "shared/json_writer.h"
 #include "shared/log.h"
 #include "shared/paths.h"
@@ -28,11 +30,6 @@ struct RequestFile {
   std::string name;
   std::optional<FileTime> modified;  // none when the file can't be examined
 };
-
-// Atomic writes pass through a temporary file whose name starts with a dot.
-bool isRequestFileName(std::string_view name) {
-  return name.size() > 5 && name.front() != '.' && name.ends_with(".json");
-}
 
 RequestFile requestFile(const std::string& directory, const std::string& name) {
   auto modified = currentPlatform().modificationDate(paths::join(directory, name));
@@ -83,6 +80,45 @@ bool printRequest(const Style& style, const std::string& directory, const Reques
               << style.dim("(" + json::toValidUtf8(ref.sourceFormatId) + ")") << '\n';
   }
   return true;
+}
+
+// False when the file does not hold a valid result document.
+bool printResult(const Style& style, const std::string& directory, const RequestFile& file) {
+  std::cout << style.bold(json::toValidUtf8(file.name));
+  if (file.modified) std::cout << "  " << style.dim(timestamp(*file.modified));
+  std::cout << '\n';
+  auto bytes = currentPlatform().readFile(paths::join(directory, file.name));
+  auto result = bytes.ok() ? FinderConversionResult::decode(*bytes) : Error{bytes.error()};
+  if (!result.ok()) {
+    std::cout << "  " << style.red("invalid") << ": " << json::toValidUtf8(result.error()) << '\n';
+    return false;
+  }
+  using Status = FinderFileResult::Status;
+  std::cout << "  to " << style.cyan(json::toValidUtf8(result->targetFormatId)) << ": "
+            << result->count(Status::converted) << " converted, " << result->count(Status::failed) << " failed";
+  if (std::size_t pending = result->count(Status::pending)) std::cout << ", " << pending << " pending";
+  std::cout << '\n';
+  for (const auto& entry : result->files) {
+    std::cout << "    " << json::toValidUtf8(entry.path) << "  ";
+    switch (entry.status) {
+      case Status::converted: std::cout << style.green("\xE2\x86\x92 " + json::toValidUtf8(entry.outputPath)); break;
+      case Status::failed: std::cout << style.red("failed") << ": " << json::toValidUtf8(entry.error); break;
+      case Status::pending: std::cout << style.dim("pending"); break;
+    }
+    std::cout << '\n';
+  }
+  return true;
+}
+
+// The host app's result documents, when there are any. False when one is invalid.
+bool printResults(const Style& style, const std::string& container) {
+  const std::string directory = paths::join(container, kResultsDirectoryName);
+  auto files = listRequestFiles(directory);
+  if (!files.ok() || files->empty()) return true;
+  std::cout << files->size() << " result document(s) in " << directory << ", oldest first:\n";
+  bool valid = true;
+  for (const auto& file : *files) valid = printResult(style, directory, file) && valid;
+  return valid;
 }
 
 int runRequests(const RequestsOptions& options) {
@@ -139,6 +175,7 @@ int runRequests(const RequestsOptions& options) {
     }
     showUnseen(*files);
   }
+  if (!printResults(style, *container)) invalid = true;
   if (!watch) return invalid ? kExitFindings : kExitOk;
 
   std::cout << style.dim("Watching " + directory + " for new requests (Ctrl-C to stop).") << '\n'
@@ -165,7 +202,9 @@ void registerRequestsCommand(Registry registry) {
       "List the request files of the shared container's \"requests\" directory as the host app\n"
       "reads them: *.json files (names starting with a dot are temporary files of atomic writes),\n"
       "oldest first, each with its modification time (UTC) and its decoded request: the target\n"
-      "format and every file's path and source format, or why it can't be decoded.");
+      "format and every file's path and source format, or why it can't be decoded. Then the host\n"
+      "app's result documents (\"results/<request>\"), when there are any: every file's outcome,\n"
+      "its output path or why it failed.");
   command
       ->add_option("--container", options->container,
                    "shared container directory (default: $XDG_DATA_HOME/<app group>)")
@@ -178,8 +217,8 @@ void registerRequestsCommand(Registry registry) {
       ->needs(watch);
   command->footer("\n" + sharedContainerHelp() +
                   "\nExit codes: 0 every request file is valid (or there are none); 1 at least one request\n"
-                  "file shown can't be read or decoded; 2 bad arguments, no shared container, or a\n"
-                  "request directory that can't be read. SIGINT and SIGTERM end --watch normally.");
+                  "file or result document shown can't be read or decoded; 2 bad arguments, no shared\n"
+                  "container, or a request directory that can't be read. SIGINT and SIGTERM end --watch normally.");
   int& exitCode = registry.exitCode;
   command->callback([options, &exitCode] { exitCode = runRequests(*options); });
 }

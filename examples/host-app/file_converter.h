@@ -1,0 +1,46 @@
+// One file of a request, from the untrusted request to a finished output:
+// the checks, the engine, and the output beside the source.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "converters.h"
+#include "requests/request_queue.h"
+#include "shared/log.h"
+
+namespace palvin::host {
+
+class FileConverter {
+ public:
+  using Logger = std::function<void(FinderLog::Level, const std::string&)>;
+
+  FileConverter(const ConverterTable& table, std::string ffmpeg, Logger log)
+      : table_(table), ffmpeg_(std::move(ffmpeg)), log_(std::move(log)) {}
+
+  // Never throws. `converted` with the output path, `failed` with the reason,
+  // `pending` when `stopping` interrupted it.
+  FinderFileResult operator()(const FinderFileTask& task, const std::atomic<bool>& stopping) const;
+
+ private:
+  Status convert(const Conversion& conversion, const FinderFileTask& task, const std::string& temporary,
+                 const std::atomic<bool>& stopping) const;
+
+  const ConverterTable& table_;
+  std::string ffmpeg_;
+  Logger log_;
+};
+
+// Why `path` can't be a source, or nothing: it must be an absolute path
+// without NUL bytes naming a regular file (symbolic links are followed).
+std::optional<std::string> refuseSource(const std::string& path);
+
+// Moves `temporary` to "<stem>.<extension>" in `directory`, or "<stem>
+// 2.<extension>", "<stem> 3.<extension>"... whichever does not exist yet;
+// nothing is ever overwritten. Yields the path taken.
+Result<std::string> publishOutput(const std::string& temporary, const std::string& directory,
+                                  const std::string& stem, std::string_view extension);
+
+}  // namespace palvin::host

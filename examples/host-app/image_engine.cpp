@@ -1,0 +1,115 @@
+// Images with libvips' C++ API. The source is opened here and handed to
+// libvips as a descriptor, so what was checked is what is decoded; libvips
+// reads headers first, which lets an oversized image fail before its pixels
+// are allocated.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <vips/vips8>
+
+#include <cerrno>
+#include <system_error>
+
+#include "converters.h"
+
+namespace palvin::host {
+namespace {
+
+// About 100 megapixels: larger than any camera's photo, and at 4 bytes a
+// pixel still a few hundred megabytes while converting.
+constexpr double kMaxPixels = 100e6;
+// PDF pages are rendered at this resolution.
+constexpr int kPdfDpi = 150;
+
+// libvips' messages come as "loader: text\n" lines; one line reads better.
+std::string describeVipsError(const vips::VError& error) {
+  std::string text = error.what();
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  for (auto& c : text) {
+    if (c == '\n') c = ';';
+  }
+  return text.empty() ? "libvips failed" : text;
+}
+
+vips::VImage toSaveable(vips::VImage image, std::string_view target) {
+  auto kind = image.interpretation();
+  if (kind != VIPS_INTERPRETATION_sRGB && kind != VIPS_INTERPRETATION_B_W) {
+    image = image.colourspace(VIPS_INTERPRETATION_sRGB);
+  } else if (image.format() != VIPS_FORMAT_UCHAR && target != "png" && target != "tiff") {
+    image = image.cast(VIPS_FORMAT_UCHAR, vips::VImage::option()->set("shift", true));
+  }
+  // JPEG has no transparency: composite onto white, as viewers show it.
+  if (target == "jpeg" && image.has_alpha()) {
+    image = image.flatten(vips::VImage::option()->set("background", std::vector<double>{255.0}));
+  }
+  return image;
+}
+
+}  // namespace
+
+void limitImageDecoders() {
+  // Only the loaders this host app offers, whatever a file's bytes claim to be.
+  vips_operation_block_set("VipsForeignLoad", TRUE);
+  for (const char* loader : {"VipsForeignLoadPng", "VipsForeignLoadJpeg", "VipsForeignLoadWebp",
+                             "VipsForeignLoadHeif", "VipsForeignLoadNsgif", "VipsForeignLoadTiff",
+                             "VipsForeignLoadPdf"}) {
+    vips_operation_block_set(loader, FALSE);
+  }
+  // Every file is converted once: a cache only holds memory.
+  vips_cache_set_max(0);
+}
+
+Status convertImage(const std::string& source, const Format& target, const std::string& output) {
+  int fd = ::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return Error{std::generic_category().message(errno)};
+  struct stat info {};
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    ::close(fd);
+    return Error{"not a regular file"};
+  }
+  try {
+    vips::VSource input = vips::VSource::new_from_descriptor(fd);  // takes its own copy
+    ::close(fd);
+    fd = -1;
+    // Only the loaders left unblocked can claim the file; PDF pages are
+    // rendered at a readable resolution. "fail_on": a truncated or corrupt
+    // file is an error, not a partial image.
+    const char* loader = vips_foreign_find_load_source(input.get_source());
+    if (loader == nullptr) {
+      vips_error_clear();
+      return Error{"not an image this host app reads"};
+    }
+    auto options = vips::VImage::option()->set("access", VIPS_ACCESS_SEQUENTIAL)->set("fail_on", VIPS_FAIL_ON_ERROR);
+    if (std::string_view(loader) == "pdfload_source") options->set("dpi", kPdfDpi);
+    vips::VImage image = vips::VImage::new_from_source(input, "", options);
+    double pixels = static_cast<double>(image.width()) * image.height();
+    if (pixels > kMaxPixels) {
+      return Error{"image too large: " + std::to_string(image.width()) + " x " + std::to_string(image.height()) +
+                   " pixels (the limit is 100 megapixels)"};
+    }
+    image = toSaveable(image, target.id);
+    const char* path = output.c_str();
+    if (target.id == "webp") {
+      image.webpsave(path, vips::VImage::option()->set("Q", 80));
+    } else if (target.id == "jpeg") {
+      image.jpegsave(path, vips::VImage::option()->set("Q", 90));
+    } else if (target.id == "png") {
+      image.pngsave(path);
+    } else if (target.id == "heic") {
+      image.heifsave(path, vips::VImage::option()->set("Q", 60)->set("compression", VIPS_FOREIGN_HEIF_COMPRESSION_HEVC));
+    } else if (target.id == "gif") {
+      image.gifsave(path);
+    } else if (target.id == "tiff") {
+      image.tiffsave(path, vips::VImage::option()->set("compression", VIPS_FOREIGN_TIFF_COMPRESSION_DEFLATE));
+    } else {
+      return Error{"libvips does not write " + std::string(target.displayName) + " here"};
+    }
+    return success();
+  } catch (const vips::VError& error) {
+    if (fd >= 0) ::close(fd);
+    return Error{describeVipsError(error)};
+  }
+}
+
+}  // namespace palvin::host

@@ -1,0 +1,120 @@
+// The host app's end of the request hand-off, shared by every host app (plain
+// POSIX: Linux and macOS). The extension drops "<UUID>.json" files into
+// "<container>/requests"; a FinderRequestQueue takes each one exactly once,
+// even with several host-app instances running and instances being killed:
+//
+//   claim    open the file, take an exclusive flock() on it, then rename() it
+//            into requests/processing/. The lock belongs to the open file, so
+//            it travels with the renamed file and the kernel drops it when
+//            the claiming process dies, however it dies;
+//   recover  a file in processing/ that nobody holds locked was left by an
+//            instance that died: it is taken over, lock first;
+//   decode   a request that does not decode is moved to requests/failed/
+//            (never deleted) and logged;
+//   act      the caller's converter is called once per file, in parallel up
+//            to `parallelism` files at a time; "results/<name>" records each
+//            file's outcome as it comes (FinderConversionResult);
+//   remove   once every file has its outcome, the claimed file is deleted.
+//
+// requestStop() (SIGTERM) lets files under way finish (or cancel, as the
+// converter decides), starts no new ones, and puts an unfinished request back
+// into requests/; its result document keeps what was done, so the next
+// instance converts only the files left.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "requests/conversion_result.h"
+#include "requests/request.h"
+#include "shared/log.h"
+#include "shared/result.h"
+
+namespace palvin {
+
+// Inside requests/: claimed requests, and requests that did not decode.
+inline constexpr std::string_view kProcessingDirectoryName = "processing";
+inline constexpr std::string_view kFailedDirectoryName = "failed";
+// In the container's root: one result document per handled request, named
+// like the request file.
+inline constexpr std::string_view kResultsDirectoryName = "results";
+
+// A request file is named "*.json" without a leading dot; dot names are the
+// temporary files of atomic writes still under way and must be left alone.
+bool isRequestFileName(std::string_view name);
+
+// The request file names in `directory`, sorted; an error when it can't be read.
+Result<std::vector<std::string>> listRequestFileNames(const std::string& directory);
+
+// One file of a claimed request, as handed to the converter. `index` is the
+// file's place in the request; with `requestName` it names the file's work
+// uniquely, e.g. for a temporary file that a retry must find again.
+struct FinderFileTask {
+  std::string requestName;
+  std::size_t index = 0;
+  FinderFileRef file;
+  std::string targetFormatId;
+};
+
+class FinderRequestQueue {
+ public:
+  // Converts one file: `converted` with the output path, `failed` with the
+  // reason, or `pending` when it gave up because `stopping` became true. Called
+  // from up to `parallelism` threads at once; must not throw.
+  using Converter = std::function<FinderFileResult(const FinderFileTask& task, const std::atomic<bool>& stopping)>;
+  using Logger = std::function<void(FinderLog::Level level, const std::string& message)>;
+  // Called once a request has been handled in full, with its result.
+  using Finished = std::function<void(const std::string& requestName, const FinderConversionResult& result)>;
+
+  struct Options {
+    Converter convert;
+    Logger log;
+    Finished finished{};
+    unsigned parallelism = 1;
+  };
+
+  FinderRequestQueue(std::string containerRoot, Options options);
+
+  const std::string& requestsDirectory() const { return requests_; }
+  const std::string& processingDirectory() const { return processing_; }
+  const std::string& resultsDirectory() const { return results_; }
+
+  // Creates requests/, requests/processing/, requests/failed/ and results/.
+  Status prepare();
+
+  // Recovers abandoned claims, then claims and handles waiting requests,
+  // passing over the directory again until a pass finds nothing (requests
+  // may arrive meanwhile) or a stop is asked. Returns the requests handled.
+  // Not reentrant: one thread of the process calls it.
+  std::size_t processPending();
+
+  // Any thread, async-signal-safe: stop claiming and return unfinished work.
+  void requestStop() { stopping_.store(true); }
+  bool stopRequested() const { return stopping_.load(); }
+
+ private:
+  struct Claim;
+  bool recoverAbandoned(std::size_t& handled, std::set<std::string>& seen);
+  bool claim(const std::string& name, Claim& out);
+  void handle(Claim& claim);
+  void setAside(const Claim& claim, const std::string& reason);
+  void convertFiles(const std::string& name, const FinderConversionRequest& request,
+                    FinderConversionResult& result);
+  FinderConversionResult priorResult(const std::string& name, const FinderConversionRequest& request);
+  Status writeResult(const std::string& name, const FinderConversionResult& result);
+  void log(FinderLog::Level level, const std::string& message) const;
+
+  std::string requests_;
+  std::string processing_;
+  std::string failed_;
+  std::string results_;
+  Options options_;
+  std::atomic<bool> stopping_{false};
+};
+
+}  // namespace palvin
