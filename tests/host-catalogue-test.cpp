@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "host/image_catalogue.h"
-#include "host/output_file.h"
+#include "requests/output_file.h"
 #include "support/temp_dir.h"
 
 namespace palvin::host {

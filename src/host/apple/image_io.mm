@@ -14,7 +14,7 @@
 #include <system_error>
 #include <type_traits>
 
-#include "host/output_file.h"
+#include "requests/output_file.h"
 #include "shared/paths.h"
 
 namespace palvin::host {

@@ -1,6 +1,7 @@
-#include "host/output_file.h"
+#include "requests/output_file.h"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,15 +10,20 @@
 
 #include "shared/paths.h"
 
-namespace palvin::host {
+namespace palvin {
 namespace {
 
 std::string systemError(int errnum) { return std::generic_category().message(errnum); }
 
-// Takes `to` only if no file has that name: a hard link fails on an existing
-// name atomically. File systems without hard links (FAT, exFAT, some network
-// shares) get an exclusively created placeholder that the rename replaces.
-int moveNoReplace(const std::string& from, const std::string& to) {
+// Renames without replacing an existing file: renameat2 where the C library
+// has it (Linux), else a hard link, which fails the same way on an existing
+// name. File systems without either (FAT, exFAT, some network shares) get an
+// exclusively created placeholder that the rename then replaces.
+int renameNoReplace(const std::string& from, const std::string& to) {
+#ifdef RENAME_NOREPLACE
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return errno;
+#endif
   if (::link(from.c_str(), to.c_str()) == 0) {
     ::unlink(from.c_str());
     return 0;
@@ -40,14 +46,11 @@ std::optional<std::string> refuseSource(const std::string& path) {
   if (path.find('\0') != std::string::npos) return "the path holds a NUL byte";
   if (path.empty() || path.front() != '/') return "not an absolute path";
   struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) {
-    if (errno == EPERM || errno == EACCES) {
-      return systemError(errno) + " (allow PalvinHost to read this folder in System Settings > Privacy & Security)";
-    }
-    return systemError(errno);
-  }
+  if (::stat(path.c_str(), &info) != 0) return systemError(errno);
   if (S_ISREG(info.st_mode)) return std::nullopt;
-  if (S_ISDIR(info.st_mode)) return "a folder, not a file";
+  if (S_ISDIR(info.st_mode)) return "a directory, not a regular file";
+  if (S_ISFIFO(info.st_mode)) return "a FIFO, not a regular file";
+  if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) return "a device, not a regular file";
   return "not a regular file";
 }
 
@@ -59,13 +62,15 @@ std::string stemOf(std::string_view name) {
 Result<std::string> publishOutput(const std::string& temporary, const std::string& directory,
                                   std::string_view stem, std::string_view extension) {
   for (int n = 1; n <= 9999; ++n) {
-    std::string name = std::string(stem) + (n == 1 ? "" : " " + std::to_string(n)) + "." + std::string(extension);
+    std::string name(stem);
+    if (n > 1) name.append(" ").append(std::to_string(n));
+    name.append(".").append(extension);
     std::string path = paths::join(directory, name);
-    int error = moveNoReplace(temporary, path);
+    int error = renameNoReplace(temporary, path);
     if (error == 0) return path;
-    if (error != EEXIST) return Error{"cannot write " + path + ": " + systemError(error)};
+    if (error != EEXIST) return Error{systemError(error)};
   }
-  return Error{"too many files named " + std::string(stem) + " in " + directory};
+  return Error{"too many files named " + std::string(stem) + " here"};
 }
 
-}  // namespace palvin::host
+}  // namespace palvin
