@@ -1,17 +1,23 @@
 #!/usr/bin/env python3
-"""The extension's generated bundle declarations and entitlements: well-formed
-XML property lists that name the build's identifiers, and the principal class
-that the macOS shell actually defines.
+"""The generated bundle declarations and entitlements of the extension and
+the host app: well-formed XML property lists that name the build's
+identifiers and deployment target, the exact NSExtension keys, entitlements
+with and without the keys only a provisioning profile can back, and
+localisations that all translate exactly en's keys.
 
-Arguments: generated-dir source-dir bundle-id app-group application-id team-id version
+Arguments: generated-dir source-dir version deployment-target team-id app-group
+           extension-bundle-id extension-application-id host-bundle-id host-application-id
 """
 import json
 import plistlib
 import re
 import sys
+from pathlib import Path
 
-generated, source, bundle_id, app_group, application_id, team_id, version = sys.argv[1:]
+(generated, source, version, deployment_target, team_id, app_group,
+ extension_id, extension_app_id, host_id, host_app_id) = sys.argv[1:]
 failures = []
+PROFILE_ONLY = ("com.apple.application-identifier", "com.apple.developer.team-identifier")
 
 
 def check(ok, what):
@@ -26,50 +32,85 @@ def key_count(value):
 
 
 def load(name):
-    with open(f"{generated}/{name}", "rb") as f:
-        text = f.read()
-    # CMake configures the Info.plist once more for the bundle, so a "${" would
+    text = Path(generated, name).read_bytes()
+    # CMake configures an Info.plist once more for the bundle, so a "${" would
     # be substituted there too.
     check(not re.search(rb"@[A-Za-z_]+@|\$\{", text), f"{name}: a placeholder is left")
     plist = plistlib.loads(text, fmt=plistlib.FMT_XML)  # raises on malformed XML
     # plistlib keeps the last of duplicate keys; the system may not.
     check(text.count(b"<key>") == key_count(plist), f"{name}: a key appears twice")
-    check(isinstance(plist, dict), f"{name}: the root is not a dictionary")
     return plist
 
 
-info = load("PalvinFinder-Info.plist")
-for key, value in {"CFBundleIdentifier": bundle_id, "CFBundleExecutable": "PalvinFinder",
-                   "CFBundlePackageType": "XPC!", "CFBundleInfoDictionaryVersion": "6.0",
-                   "CFBundleShortVersionString": version, "CFBundleVersion": version,
-                   "LSMinimumSystemVersion": "12.0", "CFBundleName": "PalvinFinder",
-                   "CFBundleDisplayName": "PalvinFinder", "CFBundleDevelopmentRegion": "en"}.items():
-    check(info.get(key) == value, f"Info.plist: {key} is {info.get(key)!r}, not {value!r}")
-extension = info.get("NSExtension", {})
+def same(actual, expected, what):
+    # JSON tells <true/> from <integer>1</integer>.
+    check(json.dumps(actual, sort_keys=True) == json.dumps(expected, sort_keys=True),
+          f"{what}: {actual}, not {expected}")
+
+
+common = {"CFBundleInfoDictionaryVersion": "6.0", "CFBundleShortVersionString": version, "CFBundleVersion": version,
+          "LSMinimumSystemVersion": deployment_target, "CFBundleDevelopmentRegion": "en",
+          "CFBundleSupportedPlatforms": ["MacOSX"]}
+bundles = {
+    "PalvinFinder": ({"CFBundleIdentifier": extension_id, "CFBundleExecutable": "PalvinFinder",
+                      "CFBundleName": "PalvinFinder", "CFBundleDisplayName": "PalvinFinder",
+                      "CFBundlePackageType": "XPC!"},
+                     {"com.apple.application-identifier": extension_app_id,
+                      "com.apple.developer.team-identifier": team_id, "com.apple.security.app-sandbox": True,
+                      "com.apple.security.application-groups": [app_group],
+                      "com.apple.security.files.user-selected.read-only": True}),
+    # Not sandboxed: it reads and writes wherever the picked files are.
+    "PalvinHost": ({"CFBundleIdentifier": host_id, "CFBundleExecutable": "PalvinHost", "CFBundleName": "PalvinHost",
+                    "CFBundleDisplayName": "PalvinHost", "CFBundlePackageType": "APPL", "LSUIElement": True,
+                    "NSPrincipalClass": "NSApplication"},
+                   {"com.apple.application-identifier": host_app_id, "com.apple.developer.team-identifier": team_id,
+                    "com.apple.security.application-groups": [app_group]}),
+}
+for name, (declarations, entitlements) in bundles.items():
+    info = load(f"{name}-Info.plist")
+    for key, value in {**common, **declarations}.items():
+        same(info.get(key), value, f"{name} Info.plist {key}")
+    same(load(f"{name}.entitlements"), entitlements, f"{name} entitlements")
+    same(load(f"{name}-noprofile.entitlements"),
+         {key: value for key, value in entitlements.items() if key not in PROFILE_ONLY},
+         f"{name} entitlements without a profile")
+
+check(extension_id.startswith(host_id + "."), f"the extension's identifier {extension_id} does not extend {host_id}")
+check(extension_app_id == f"{team_id}.{extension_id}" and host_app_id == f"{team_id}.{host_id}",
+      f"application identifiers {extension_app_id}, {host_app_id}")
+extension = load("PalvinFinder-Info.plist").get("NSExtension", {})
+check(sorted(extension) == ["NSExtensionAttributes", "NSExtensionPointIdentifier", "NSExtensionPrincipalClass"],
+      f"NSExtension has the keys {sorted(extension)}")
 check(extension.get("NSExtensionPointIdentifier") == "com.apple.FinderSync", f"extension point: {extension}")
+# The shell's class is Objective-C, which has no modules: a plain class name
+# (scripts/check-apple-build.py finds it in the object).
+check(re.fullmatch(r"[A-Za-z_]\w*", extension.get("NSExtensionPrincipalClass", "")) is not None,
+      f"principal class {extension.get('NSExtensionPrincipalClass')!r} is not an Objective-C class name")
 
-# The runtime looks a "Module.Class" name up by its Swift mangled form, so the
-# shell's class must carry exactly that runtime name.
-principal = extension.get("NSExtensionPrincipalClass", "")
-module, _, name = principal.partition(".")
-check(principal == "PalvinFinder.FinderSync" and module == info.get("CFBundleExecutable"),
-      f"principal class {principal!r}")
-with open(f"{source}/src/platform/apple/FinderSync.mm") as f:
-    shell = f.read()
-mangled = f"_TtC{len(module)}{module}{len(name)}{name}"
-check(f'objc_runtime_name("{mangled}")' in shell, f"FinderSync.mm lacks the runtime name {mangled}")
-check(f"@interface {name} : FIFinderSync" in shell, f"FinderSync.mm lacks the class {name}")
 
-# Exactly these entitlements; JSON tells <true/> from <integer>1</integer>.
-check(application_id == f"{team_id}.{bundle_id}", f"application identifier {application_id}")
-expected = {"com.apple.application-identifier": application_id,
-            "com.apple.developer.team-identifier": team_id,
-            "com.apple.security.app-sandbox": True,
-            "com.apple.security.application-groups": [app_group],
-            "com.apple.security.files.user-selected.read-only": True}
-entitlements = load("PalvinFinder.entitlements")
-check(json.dumps(entitlements, sort_keys=True) == json.dumps(expected, sort_keys=True),
-      f"entitlements: {entitlements}")
+def strings_keys(path):
+    """The keys of a .strings file, "key" = "value"; entries between comments;
+    raises on anything else, as the system's parser would fail the table."""
+    text, keys, pos = path.read_text(encoding="utf-8"), [], 0
+    gap, quoted = r"(?:\s|/\*(?:(?!\*/).)*\*/|//[^\n]*)*", r'"((?:[^"\\]|\\.)*)"'
+    entry = re.compile(gap + quoted + r"\s*=\s*" + quoted + r"\s*;", re.S)
+    while (match := entry.match(text, pos)):
+        keys.append(match.group(1))
+        pos = match.end()
+    if not re.fullmatch(gap, text[pos:], re.S):
+        raise ValueError(f"{path}: not an entry at offset {pos}")
+    return keys
+
+
+resources = Path(source, "src/finder/Resources")
+english = strings_keys(resources / "en.lproj/Localizable.strings")
+check(len(english) == len(set(english)), f"en.lproj has a key twice: {english}")
+for strings in sorted(resources.glob("*.lproj/Localizable.strings")):
+    try:
+        keys = strings_keys(strings)
+        check(sorted(keys) == sorted(english), f"{strings.parent.name} has the keys {keys}, not en's {english}")
+    except ValueError as error:
+        failures.append(str(error))
 
 for failure in failures:
     print(failure, file=sys.stderr)

@@ -1,14 +1,13 @@
 #include "file_converter.h"
 
 #include <fcntl.h>
-#include <stdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
 #include <system_error>
 
+#include "requests/output_file.h"
 #include "shared/paths.h"
 
 namespace palvin::host {
@@ -16,50 +15,7 @@ namespace {
 
 std::string systemError(int errnum) { return std::generic_category().message(errnum); }
 
-// A file's name without its last extension ("photo.png" -> "photo"); a name
-// that is only an extension keeps it (".png").
-std::string stemOf(std::string_view name) {
-  std::string_view extension = paths::extension(name);
-  return std::string(extension.empty() ? name : name.substr(0, name.size() - extension.size() - 1));
-}
-
-// Renames without replacing an existing file. renameat2 where the file system
-// has it, else a hard link, which fails the same way on an existing name.
-int renameNoReplace(const std::string& from, const std::string& to) {
-  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-  if (errno != EINVAL && errno != ENOSYS) return errno;
-  if (::link(from.c_str(), to.c_str()) != 0) return errno;
-  ::unlink(from.c_str());
-  return 0;
-}
-
 }  // namespace
-
-std::optional<std::string> refuseSource(const std::string& path) {
-  if (path.find('\0') != std::string::npos) return "the path holds a NUL byte";
-  if (path.empty() || path.front() != '/') return "not an absolute path";
-  struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) return systemError(errno);
-  if (S_ISREG(info.st_mode)) return std::nullopt;
-  if (S_ISDIR(info.st_mode)) return "a directory, not a regular file";
-  if (S_ISFIFO(info.st_mode)) return "a FIFO, not a regular file";
-  if (S_ISCHR(info.st_mode) || S_ISBLK(info.st_mode)) return "a device, not a regular file";
-  return "not a regular file";
-}
-
-Result<std::string> publishOutput(const std::string& temporary, const std::string& directory,
-                                  const std::string& stem, std::string_view extension) {
-  for (int n = 1; n <= 9999; ++n) {
-    std::string name = stem;
-    if (n > 1) name.append(" ").append(std::to_string(n));
-    name.append(".").append(extension);
-    std::string path = paths::join(directory, name);
-    int error = renameNoReplace(temporary, path);
-    if (error == 0) return path;
-    if (error != EEXIST) return Error{systemError(error)};
-  }
-  return Error{"too many files named " + stem + " here"};
-}
 
 FinderFileResult FileConverter::operator()(const FinderFileTask& task, const std::atomic<bool>& stopping) const {
   using Status = FinderFileResult::Status;

@@ -33,14 +33,4 @@ class FileConverter {
   Logger log_;
 };
 
-// Why `path` can't be a source, or nothing: it must be an absolute path
-// without NUL bytes naming a regular file (symbolic links are followed).
-std::optional<std::string> refuseSource(const std::string& path);
-
-// Moves `temporary` to "<stem>.<extension>" in `directory`, or "<stem>
-// 2.<extension>", "<stem> 3.<extension>"... whichever does not exist yet;
-// nothing is ever overwritten. Yields the path taken.
-Result<std::string> publishOutput(const std::string& temporary, const std::string& directory,
-                                  const std::string& stem, std::string_view extension);
-
 }  // namespace palvin::host

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <limits>
 #include <system_error>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
 #include <string>
 
@@ -289,33 +289,10 @@ std::optional<SyntaxError> SyntaxScanner::number() {
     if (!fits) return fail("number out of range", start);
     return std::nullopt;
   }
-  double d = 0;
-  if (std::from_chars(first, last, d).ec == std::errc::result_out_of_range) {
-    // Out of range is either overflow or underflow; only the first is an error (underflow reads as
-    // zero). The decimal exponent of the first significant digit tells them apart.
-    std::size_t mantissaEnd = token.find_first_of("eE");
-    if (mantissaEnd == std::string_view::npos) mantissaEnd = token.size();
-    const std::string_view mantissa = token.substr(integerStart, mantissaEnd - integerStart);
-    const std::size_t point = std::min(mantissa.find('.'), mantissa.size());
-    const std::size_t firstSignificant = mantissa.find_first_of("123456789");
-    // Exponents are held to half the range, so that adding the digit position cannot overflow.
-    constexpr long long kLowest = std::numeric_limits<long long>::min() / 2;
-    constexpr long long kHighest = std::numeric_limits<long long>::max() / 2;
-    long long exponent = 0;
-    if (mantissaEnd < token.size()) {
-      std::string_view e = token.substr(mantissaEnd + 1);
-      if (!e.empty() && e[0] == '+') e.remove_prefix(1);
-      if (std::from_chars(e.data(), e.data() + e.size(), exponent).ec != std::errc()) {
-        exponent = e[0] == '-' ? kLowest : kHighest;
-      }
-      exponent = std::clamp(exponent, kLowest, kHighest);
-    }
-    if (firstSignificant != std::string_view::npos) {
-      long long position = firstSignificant < point ? static_cast<long long>(point - firstSignificant) - 1
-                                                    : -static_cast<long long>(firstSignificant - point);
-      if (exponent + position > 0) return fail("number out of range", start);
-    }
-  }
+  // Only overflow is an error: underflow reads as zero. strtod rounds correctly and gives infinity
+  // exactly when the value does not fit (floating-point from_chars is missing from Apple's libc++);
+  // nothing in the process changes LC_NUMERIC from "C", whose decimal point JSON uses.
+  if (std::isinf(std::strtod(std::string(token).c_str(), nullptr))) return fail("number out of range", start);
   return std::nullopt;
 }
 

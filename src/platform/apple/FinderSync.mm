@@ -15,11 +15,10 @@
 #include "platform/apple_platform.h"
 #include "platform/platform.h"
 
-// The runtime name is what module PalvinFinder's FinderSync is called in the
-// runtime, so the bundle's "PalvinFinder.FinderSync" finds this class.
+// The principal class, named "FinderSync" in the Info.plist: an Objective-C
+// class has no module, so its plain name is the one the runtime finds.
 // The overridden callbacks are listed too, so that a misspelt definition
 // below is reported as missing rather than silently never called.
-__attribute__((objc_runtime_name("_TtC12PalvinFinder10FinderSync")))
 @interface FinderSync : FIFinderSync
 - (instancetype)init;
 - (NSMenu*)menuForMenuKind:(FIMenuKind)menuKind;

@@ -3,6 +3,7 @@
 #pragma once
 
 #import <objc/NSObject.h>
+#include <os/availability.h>
 #include <stdint.h>
 
 typedef enum : uint8_t {
@@ -22,8 +23,9 @@ typedef NSObject<OS_os_log>* os_log_t;
 extern "C" {
 #endif
 
-NS_RETURNS_RETAINED os_log_t os_log_create(const char* subsystem, const char* category);
-bool os_log_type_enabled(os_log_t oslog, os_log_type_t type);
+__attribute__((ns_returns_retained)) os_log_t os_log_create(const char* subsystem, const char* category)
+    API_AVAILABLE(macos(10.12));
+bool os_log_type_enabled(os_log_t oslog, os_log_type_t type) API_AVAILABLE(macos(10.12));
 void palvin_os_log_with_type(os_log_t oslog, os_log_type_t type, const char* format, ...)
     __attribute__((format(os_log, 3, 4)));
 

@@ -2,19 +2,9 @@
 // defaults, notifications and the extension context.
 #pragma once
 
-#import <objc/NSObject.h>
 #include <CoreFoundation/CoreFoundation.h>
-
-#ifdef __cplusplus
-#define FOUNDATION_EXPORT extern "C"
-#else
-#define FOUNDATION_EXPORT extern
-#endif
-
-// As the SDK spells them in C++: NS_ENUM is a typed enum, NS_OPTIONS a plain
-// integer type with its constants beside it, so 0 and | work on options.
-#define NS_ENUM(_type, _name) enum _name : _type _name; enum _name : _type
-#define NS_OPTIONS(_type, _name) _type _name; enum : _type
+#include <CoreGraphics/CoreGraphics.h>
+#import <Foundation/NSObjCRuntime.h>
 
 NS_ASSUME_NONNULL_BEGIN
 
@@ -33,19 +23,31 @@ typedef struct {
                                     count:(NSUInteger)len;
 @end
 
+// Hands a CoreFoundation object that the caller owns to ARC.
+NS_INLINE id _Nullable CFBridgingRelease(CFTypeRef _Nullable X) { return (__bridge_transfer id)X; }
+
+// --- Geometry --------------------------------------------------------------------
+
+typedef CGRect NSRect;
+typedef CGSize NSSize;
+NS_INLINE NSRect NSMakeRect(CGFloat x, CGFloat y, CGFloat w, CGFloat h) {
+  NSRect r;
+  r.origin.x = x;
+  r.origin.y = y;
+  r.size.width = w;
+  r.size.height = h;
+  return r;
+}
+
 // --- Strings ---------------------------------------------------------------
 
 typedef NSUInteger NSStringEncoding;
 enum : NSStringEncoding { NSUTF8StringEncoding = 4 };
 
-typedef NS_ENUM(NSInteger, NSComparisonResult){
-    NSOrderedAscending = -1L,
-    NSOrderedSame,
-    NSOrderedDescending,
-};
-
 @interface NSString : NSObject
++ (nullable instancetype)stringWithUTF8String:(const char*)nullTerminatedCString;
 - (nullable instancetype)initWithBytes:(const void*)bytes length:(NSUInteger)len encoding:(NSStringEncoding)encoding;
+@property(readonly) NSUInteger length;
 @property(nullable, readonly) const char* UTF8String NS_RETURNS_INNER_POINTER;
 @property(readonly, copy) NSString* lowercaseString;
 - (NSComparisonResult)localizedCaseInsensitiveCompare:(NSString*)string;
@@ -64,6 +66,8 @@ typedef NS_ENUM(NSInteger, NSComparisonResult){
 // What the @[...] literal calls.
 + (instancetype)arrayWithObjects:(const ObjectType _Nonnull[_Nonnull])objects count:(NSUInteger)cnt;
 @property(readonly) NSUInteger count;
+- (ObjectType)objectAtIndex:(NSUInteger)index;
+- (ObjectType)objectAtIndexedSubscript:(NSUInteger)idx API_AVAILABLE(macos(10.8));
 @end
 
 @interface NSMutableArray<ObjectType> : NSArray<ObjectType>
@@ -72,6 +76,8 @@ typedef NS_ENUM(NSInteger, NSComparisonResult){
 @end
 
 @interface NSDictionary<__covariant KeyType, __covariant ObjectType> : NSObject <NSFastEnumeration>
+- (nullable ObjectType)objectForKey:(KeyType)aKey;
+- (nullable ObjectType)objectForKeyedSubscript:(KeyType)key API_AVAILABLE(macos(10.8));
 @end
 
 @interface NSSet<__covariant ObjectType> : NSObject <NSFastEnumeration>
@@ -94,17 +100,19 @@ FOUNDATION_EXPORT NSErrorDomain const NSPOSIXErrorDomain;
 // --- URLs and data ---------------------------------------------------------------
 
 typedef NSString* NSURLResourceKey;
-FOUNDATION_EXPORT NSURLResourceKey const NSURLIsDirectoryKey;
+FOUNDATION_EXPORT NSURLResourceKey const NSURLIsDirectoryKey API_AVAILABLE(macos(10.6));
 
 @interface NSURL : NSObject
++ (nullable instancetype)URLWithString:(NSString*)URLString;
 + (NSURL*)fileURLWithFileSystemRepresentation:(const char*)path
                                   isDirectory:(BOOL)isDir
-                                relativeToURL:(nullable NSURL*)baseURL;
+                                relativeToURL:(nullable NSURL*)baseURL API_AVAILABLE(macos(10.9));
 @property(readonly, getter=isFileURL) BOOL fileURL;
-@property(readonly) const char* fileSystemRepresentation NS_RETURNS_INNER_POINTER;
+@property(nullable, readonly, copy) NSString* path;
+@property(readonly) const char* fileSystemRepresentation NS_RETURNS_INNER_POINTER API_AVAILABLE(macos(10.9));
 - (BOOL)getResourceValue:(out id _Nullable* _Nonnull)value
                   forKey:(NSURLResourceKey)key
-                   error:(out NSError** _Nullable)error;
+                   error:(out NSError** _Nullable)error API_AVAILABLE(macos(10.6));
 @end
 
 typedef NS_OPTIONS(NSUInteger, NSDataReadingOptions){
@@ -139,24 +147,27 @@ typedef NS_OPTIONS(NSUInteger, NSVolumeEnumerationOptions){
 
 @interface NSFileManager : NSObject
 @property(class, readonly, strong) NSFileManager* defaultManager;
-- (nullable NSURL*)containerURLForSecurityApplicationGroupIdentifier:(NSString*)groupIdentifier;
+- (nullable NSURL*)containerURLForSecurityApplicationGroupIdentifier:(NSString*)groupIdentifier
+    API_AVAILABLE(macos(10.8));
 - (BOOL)createDirectoryAtURL:(NSURL*)url
     withIntermediateDirectories:(BOOL)createIntermediates
                      attributes:(nullable NSDictionary<NSFileAttributeKey, id>*)attributes
-                          error:(NSError**)error;
+                          error:(NSError**)error API_AVAILABLE(macos(10.7));
 - (nullable NSArray<NSURL*>*)mountedVolumeURLsIncludingResourceValuesForKeys:
                                  (nullable NSArray<NSURLResourceKey>*)propertyKeys
-                                                                      options:(NSVolumeEnumerationOptions)options;
+                                                                      options:(NSVolumeEnumerationOptions)options
+    API_AVAILABLE(macos(10.6));
 @end
 
 @interface NSFileHandle : NSObject
-+ (nullable instancetype)fileHandleForWritingToURL:(NSURL*)url error:(NSError**)error;
-+ (nullable instancetype)fileHandleForUpdatingURL:(NSURL*)url error:(NSError**)error;
-- (BOOL)seekToEndReturningOffset:(out unsigned long long* _Nullable)offsetInFile error:(out NSError**)error;
-- (BOOL)seekToOffset:(unsigned long long)offset error:(out NSError**)error;
-- (nullable NSData*)readDataUpToLength:(NSUInteger)length error:(out NSError**)error;
-- (BOOL)writeData:(NSData*)data error:(out NSError**)error;
-- (BOOL)closeAndReturnError:(out NSError**)error;
++ (nullable instancetype)fileHandleForWritingToURL:(NSURL*)url error:(NSError**)error API_AVAILABLE(macos(10.6));
++ (nullable instancetype)fileHandleForUpdatingURL:(NSURL*)url error:(NSError**)error API_AVAILABLE(macos(10.6));
+- (BOOL)seekToEndReturningOffset:(out unsigned long long* _Nullable)offsetInFile
+                           error:(out NSError**)error API_AVAILABLE(macos(10.15));
+- (BOOL)seekToOffset:(unsigned long long)offset error:(out NSError**)error API_AVAILABLE(macos(10.15));
+- (nullable NSData*)readDataUpToLength:(NSUInteger)length error:(out NSError**)error API_AVAILABLE(macos(10.15));
+- (BOOL)writeData:(NSData*)data error:(out NSError**)error API_AVAILABLE(macos(10.15));
+- (BOOL)closeAndReturnError:(out NSError**)error API_AVAILABLE(macos(10.15));
 @end
 
 // --- Bundles and defaults --------------------------------------------------------
@@ -164,6 +175,7 @@ typedef NS_OPTIONS(NSUInteger, NSVolumeEnumerationOptions){
 @interface NSBundle : NSObject
 @property(class, readonly, strong) NSBundle* mainBundle;
 @property(readonly, copy) NSString* bundlePath;
+@property(nullable, readonly, copy) NSString* executablePath;
 - (NSString*)localizedStringForKey:(NSString*)key value:(nullable NSString*)value table:(nullable NSString*)tableName;
 @end
 
@@ -184,12 +196,13 @@ typedef NSString* NSNotificationName;
 - (id<NSObject>)addObserverForName:(nullable NSNotificationName)name
                             object:(nullable id)obj
                              queue:(nullable NSOperationQueue*)queue
-                        usingBlock:(void (^)(NSNotification* notification))block;
+                        usingBlock:(void (^)(NSNotification* notification))block API_AVAILABLE(macos(10.6));
 - (void)removeObserver:(id)observer;
 @end
 
 // --- Extensions ------------------------------------------------------------------
 
+API_AVAILABLE(macos(10.10))
 @interface NSExtensionContext : NSObject
 @end
 

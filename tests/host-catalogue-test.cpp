@@ -1,0 +1,122 @@
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "host/image_catalogue.h"
+#include "requests/output_file.h"
+#include "support/temp_dir.h"
+
+namespace palvin::host {
+namespace {
+
+// As ImageIO and the type system describe a few types on a Mac, with the odd
+// cases beside them.
+std::vector<ImageType> someTypes() {
+  return {
+      {"public.png", "png", {"png"}, "PNG image", true, true},
+      {"public.jpeg", "jpeg", {"jpeg", "JPG", ".jpe"}, "JPEG image", true, true},
+      {"org.webmproject.webp", "webp", {"webp"}, "WebP image", true, false},
+      {"com.example.raw", "", {"raw"}, "Camera raw", true, false},
+      {"com.example.writeonly", "wo", {"wo"}, "", false, true},
+      {"com.example.neither", "nei", {"nei"}, "", false, false},
+      {"public.zz-png-again", "PNG", {"png", "png2"}, "", true, true},
+  };
+}
+
+TEST(HostCatalogue, ExactlyWhatImageIOReadsAndWrites) {
+  ImageCatalogue catalogue = buildImageCatalogue(someTypes(), "2026-01-02T03:04:05.678Z");
+  const FinderCapabilities& c = catalogue.capabilities;
+  std::vector<std::pair<std::string, std::string>> formats;
+  for (const auto& f : c.formats) formats.emplace_back(f.id, f.displayName);
+  // Identifier order; the second "png" is dropped; the type without an
+  // extension is known by its identifier.
+  EXPECT_EQ(formats, (decltype(formats){{"com.example.raw", "Camera raw"},
+                                        {"wo", "WO"},
+                                        {"webp", "WebP"},
+                                        {"jpeg", "JPEG"},
+                                        {"png", "PNG"}}));
+  const std::vector<std::string> writable{"wo", "jpeg", "png"};
+  using Targets = std::vector<std::string>;
+  EXPECT_EQ(c.conversions, (std::unordered_map<std::string, Targets>{{"com.example.raw", writable},
+                                                                      {"webp", writable},
+                                                                      {"jpeg", {"wo", "png"}},
+                                                                      {"png", {"wo", "jpeg"}}}));
+  EXPECT_EQ(c.extensionToFormatId, (std::unordered_map<std::string, std::string>{
+                                       {"raw", "com.example.raw"}, {"webp", "webp"}, {"jpeg", "jpeg"},
+                                       {"jpg", "jpeg"}, {"jpe", "jpeg"}, {"png", "png"}}));
+  EXPECT_EQ(catalogue.typeByFormatId.at("jpeg"), "public.jpeg");
+  EXPECT_EQ(catalogue.typeByFormatId.count("png2"), 0u);
+
+  // A valid document, the same whatever order ImageIO lists the types in.
+  auto decoded = FinderCapabilities::decode(c.encode(true));
+  ASSERT_TRUE(decoded.ok()) << decoded.error();
+  EXPECT_EQ(*decoded, c);
+  auto shuffled = someTypes();
+  std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
+  EXPECT_EQ(buildImageCatalogue(shuffled, c.generatedAt).capabilities.encode(true), c.encode(true));
+}
+
+TEST(HostCatalogue, InstalledWhenOursIsNewer) {
+  const std::string at = "2026-05-01T10:00:00.000Z";
+  auto document = [](std::string generatedAt, std::string title = "") {
+    FinderCapabilities c = buildImageCatalogue(someTypes(), std::move(generatedAt)).capabilities;
+    if (!title.empty()) c.convertMenuTitle = title;
+    return c.encode(true);
+  };
+  const std::string ours = document(at);
+  struct Case {
+    const char* what;
+    Result<std::string> installed;
+    std::string ourGeneratedAt;
+    bool install;
+  };
+  const Case cases[] = {
+      {"none installed", Error{"missing"}, at, true},
+      {"an unusable one", std::string("{\"schemaVersion\":"), at, true},
+      {"one from an older build", document("2026-04-30T23:59:59.999Z"), at, true},
+      {"one from a newer build", document("2026-05-01T10:00:00.001Z"), at, false},
+      {"this build's, unchanged", ours, at, false},
+      {"this build's, but ImageIO changed", document(at, "other"), at, true},
+      {"one whose time is not ours to order", document("yesterday"), at, true},
+      {"ours of unknown age over a dated one", document(at), "", false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(shouldInstallCatalogue(ours, c.ourGeneratedAt, c.installed), c.install) << c.what;
+  }
+}
+
+TEST(HostOutput, BesideTheSourceNeverReplacing) {
+  using testing::readText;
+  testing::TempDir dir;
+  dir.write("photo.heic", "older");
+  dir.write("photo 2.heic", "older 2");
+  for (const char* expected : {"photo 3.heic", "photo 4.heic"}) {
+    dir.write(".tmp", expected);
+    auto published = publishOutput(dir / ".tmp", dir.path(), "photo", "heic");
+    ASSERT_TRUE(published.ok()) << published.error();
+    EXPECT_EQ(*published, dir / expected);
+    EXPECT_EQ(readText(*published), expected);
+    EXPECT_NE(::access((dir / ".tmp").c_str(), F_OK), 0);
+  }
+  EXPECT_EQ(readText(dir / "photo.heic"), "older");
+  EXPECT_EQ(readText(dir / "photo 2.heic"), "older 2");
+  EXPECT_FALSE(publishOutput(dir / "missing.tmp", dir / "no-such-dir", "x", "png").ok());
+
+  ::mkfifo((dir / "fifo").c_str(), 0600);
+  struct Case {
+    std::string path;
+    bool refused;
+  };
+  const Case cases[] = {{dir / "photo.heic", false}, {"relative.png", true}, {dir.path(), true},
+                        {dir / "fifo", true},        {dir / "gone.png", true}, {std::string("/a\0b", 4), true}};
+  for (const auto& c : cases) EXPECT_EQ(refuseSource(c.path).has_value(), c.refused) << c.path;
+  EXPECT_EQ(stemOf("photo.tar.gz"), "photo.tar");
+  EXPECT_EQ(stemOf(".png"), ".png");
+  EXPECT_EQ(stemOf("README"), "README");
+}
+
+}  // namespace
+}  // namespace palvin::host
