@@ -13,6 +13,8 @@ packages=(
   # The sample host app's converters (libvips with HEIC and PDF, poppler,
   # libnotify, the ffmpeg program) and what its tests use to check outputs.
   libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
+  # The GNOME Files module and the test that runs it in a real Nautilus.
+  libnautilus-extension-dev nautilus librsvg2-common xvfb xdotool dbus imagemagick
 )
 
 missing=()

@@ -116,6 +116,8 @@ LinuxPlatform::LinuxPlatform() : LinuxPlatform(Options{}) {}
 
 LinuxPlatform::LinuxPlatform(Options options) : options_(std::move(options)) {}
 
+// openlog keeps a pointer to the ident, which lives in this binary: a module
+// unloaded from its host must not leave the C library holding it.
 LinuxPlatform::~LinuxPlatform() {
   std::unique_ptr<mount_table::Watcher> watcher;
   {
@@ -124,6 +126,7 @@ LinuxPlatform::~LinuxPlatform() {
     watcher = std::move(watcher_);
   }
   if (watcher) watcher->stop();
+  if (systemLogListens_) ::closelog();
 }
 
 void LinuxPlatform::setSelection(std::vector<std::string> paths) {
@@ -241,16 +244,24 @@ std::string LinuxPlatform::bundlePath() {
 // the caller's thread as soon as posix_spawn has answered, and a detached
 // thread reaps the child so that no zombie stays behind. Recent items have
 // no counterpart here; that setting is ignored.
-void LinuxPlatform::openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
-                                    LaunchCompletion completion) {
-  std::string program = paths::join(bundlePath, "AppRun");
-  std::vector<std::string> arguments = {program};
-  if (configuration.activates) arguments.emplace_back("--activate");
+LinuxPlatform::LaunchCommand LinuxPlatform::launchCommand(const std::string& bundlePath,
+                                                         const OpenConfiguration& configuration) {
+  LaunchCommand command;
+  command.program = paths::join(bundlePath, "AppRun");
+  command.arguments = {command.program};
+  if (configuration.activates) command.arguments.emplace_back("--activate");
   // A tool run with its own container passes it on, so the host app finds
   // the same requests.
-  std::vector<std::string> environment = launchEnvironment(containerPath(ids::kAppGroupIdentifier));
-  std::vector<char*> argv = pointers(arguments);
-  std::vector<char*> envp = pointers(environment);
+  command.environment = launchEnvironment(containerPath(ids::kAppGroupIdentifier));
+  return command;
+}
+
+void LinuxPlatform::openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
+                                    LaunchCompletion completion) {
+  LaunchCommand command = launchCommand(bundlePath, configuration);
+  const std::string& program = command.program;
+  std::vector<char*> argv = pointers(command.arguments);
+  std::vector<char*> envp = pointers(command.environment);
 
   // The host app gets a session of its own, so that it outlives the caller's
   // terminal job, and default signal handling whatever the caller's thread

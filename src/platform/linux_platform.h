@@ -67,6 +67,16 @@ class LinuxPlatform : public Platform {
   bool hasSymbolImage(std::string_view name) override;
   std::string localizedString(std::string_view key) override;
 
+ protected:
+  // What a launch of the host app runs: its AppRun, the arguments and the
+  // environment, for a subclass that starts processes its own way.
+  struct LaunchCommand {
+    std::string program;
+    std::vector<std::string> arguments;  // arguments[0] is the program
+    std::vector<std::string> environment;
+  };
+  LaunchCommand launchCommand(const std::string& bundlePath, const OpenConfiguration& configuration);
+
  private:
   bool systemLogListens();
   void loadStrings();

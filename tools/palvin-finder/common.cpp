@@ -24,6 +24,13 @@ Result<FinderCapabilities> loadCapabilities(const std::string& path) {
   return FinderCapabilities::decode(*bytes);
 }
 
+std::string stringsDirectory() {
+  std::error_code ignored;
+  std::filesystem::path beside =
+      std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path() / "Resources";
+  return std::filesystem::is_directory(beside, ignored) ? beside.string() : std::string(PALVIN_STRINGS_DIR);
+}
+
 namespace {
 std::string wrap(bool enabled, const char* code, std::string_view s) {
   if (!enabled) return std::string(s);

@@ -246,7 +246,7 @@ int Demo::run(bool keep) {
 
   LinuxPlatform::Options options;
   options.container = container_;
-  options.stringsDirectory = PALVIN_STRINGS_DIR;
+  options.stringsDirectory = stringsDirectory();
   DemoPlatform platform(options);
   platform_ = &platform;
   Platform* previous = &currentPlatform();

@@ -131,7 +131,7 @@ int runMenu(const MenuOptions& options) {
   if (!options.container.empty()) platformOptions.container = absolutePath(options.container);
   if (!options.appearance.empty()) platformOptions.appearance = options.appearance;
   if (!options.bundle.empty()) platformOptions.bundlePath = absolutePath(options.bundle);
-  platformOptions.stringsDirectory = PALVIN_STRINGS_DIR;
+  platformOptions.stringsDirectory = stringsDirectory();
   LinuxPlatform platform(platformOptions);
   std::vector<std::string> selection;
   for (const auto& path : options.paths) selection.push_back(absolutePath(path));

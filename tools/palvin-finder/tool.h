@@ -54,6 +54,10 @@ struct Style {
 };
 Style styleForStdout();
 
+// Where the menu titles' translations are: the Resources directory beside the
+// running tool (its bundle, built and installed so), else the source tree's.
+std::string stringsDirectory();
+
 // The --help paragraph on the shared container and where it lies on Linux.
 std::string sharedContainerHelp();
 

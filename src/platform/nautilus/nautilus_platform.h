@@ -1,0 +1,30 @@
+// The Linux platform as GNOME Files (Nautilus) hosts it. Two things differ
+// from the tool's: the host app is started the way GLib starts processes, so
+// that nothing of ours waits for it inside Nautilus; and a symbol image exists
+// where a freedesktop icon stands for the symbol.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "platform/linux_platform.h"
+
+namespace palvin {
+
+// The freedesktop icon (symbolic variant) that stands for a symbol name of the
+// catalogue, or nothing when none fits. A ".fill" variant maps like its base.
+std::optional<std::string_view> freedesktopIconName(std::string_view symbolName);
+
+class NautilusPlatform : public LinuxPlatform {
+ public:
+  using LinuxPlatform::LinuxPlatform;
+
+  // g_spawn_async's intermediate child leaves the host app to init, so there
+  // is no child to reap and no thread that could outlive the module. The
+  // completion runs before this returns.
+  void openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
+                       LaunchCompletion completion) override;
+  bool hasSymbolImage(std::string_view name) override;
+};
+
+}  // namespace palvin
