@@ -22,7 +22,7 @@
 #include "catalogue/capabilities.h"
 #include "finder/finder_sync.h"
 #include "platform/linux_platform.h"
-#include "shared/log.h"
+#include "services/log.h"
 
 namespace {
 
@@ -169,8 +169,8 @@ void BM_MenuNextToStat(benchmark::State& state, const std::string& catalogue) {
   options.bundlePath = gSandbox->bundle();
   palvin::LinuxPlatform platform(options);
   platform.setSelection(gSandbox->paths());
-  palvin::installPlatform(&platform);
   Figures run;
+  palvin::ScopedPlatform installed(platform);
   {
     palvin::FinderSync finder;
     if (finder.menuForMenuKind(0).items.empty() || !finder.capabilities().cached()) {
@@ -192,7 +192,6 @@ void BM_MenuNextToStat(benchmark::State& state, const std::string& catalogue) {
   }
   // The log queue writes through the platform; let it finish first.
   palvin::FinderLog::flush();
-  palvin::installPlatform(nullptr);
 
   run.iterations = static_cast<double>(state.iterations());
   if (run.iterations == 0) return;

@@ -18,7 +18,7 @@
 #include "catalogue/capability_store.h"
 #include "platform/linux_platform.h"
 #include "ratio_reporter.h"
-#include "shared/log.h"
+#include "services/log.h"
 
 namespace {
 
@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
   palvin::LinuxPlatform::Options options;
   options.container = gContainer;
   palvin::LinuxPlatform platform(options);
-  palvin::installPlatform(&platform);
+  palvin::ScopedPlatform installed(platform);
   bool logger = platform.unifiedLogEnabled(palvin::UnifiedLogType::info);
 
   palvin::bench::RecordingReporter reporter;
@@ -131,7 +131,6 @@ int main(int argc, char** argv) {
   palvin::bench::printRatio(reporter, "BM_LoadCached", "BM_StatCatalogue");
   palvin::bench::printRatio(reporter, "BM_LoadCold", "BM_NlohmannParse");
   palvin::bench::printRatio(reporter, "BM_Log", "BM_SyncAppend");
-  palvin::installPlatform(nullptr);
   std::error_code ignored;
   fs::remove_all(gContainer, ignored);
   return 0;

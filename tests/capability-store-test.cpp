@@ -12,7 +12,6 @@ namespace palvin {
 namespace {
 
 using testing::FakePlatform;
-using testing::ScopedPlatform;
 using Lines = std::vector<std::string>;
 using Caps = std::shared_ptr<const FinderCapabilities>;
 

@@ -26,7 +26,7 @@
 #include "requests/request.h"
 #include "requests/request_sender.h"
 #include "shared/json_writer.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "support/temp_dir.h"
 
 extern char** environ;
@@ -50,7 +50,7 @@ const std::string kPathPrefix = "/Users/été/照片/";
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (::getppid() == 1) std::_Exit(2);
   LinuxPlatform platform({.container = container, .bundlePath = container + "/PalvinFinder.appex"});
-  installPlatform(&platform);
+  ScopedPlatform installed(platform);
   FinderRequestSender sender;
   const std::string padding(300, '=');
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);

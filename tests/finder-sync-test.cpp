@@ -80,7 +80,7 @@ struct World {
     return all;
   }
   testing::FakePlatform fake;
-  testing::ScopedPlatform scope{fake};
+  ScopedPlatform scope{fake};
   std::optional<FinderSync> finder;
   std::size_t seen = 0;
 };

@@ -20,7 +20,7 @@
 #include "catalogue/capability_store.h"
 #include "finder/finder_sync.h"
 #include "platform/linux_platform.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "support/fake_platform.h"
 #include "support/temp_dir.h"
 
@@ -94,7 +94,7 @@ class HostileInput : public ::testing::Test {
   const std::string catalogue = dir / CapabilityStore::kFileName;
   const std::string photo = dir / "photo.png";
   LinuxPlatform platform{{.container = dir.str(), .bundlePath = dir / "PalvinFinder.appex"}};
-  testing::ScopedPlatform installed{platform};
+  ScopedPlatform installed{platform};
 };
 
 TEST_F(HostileInput, EachBadFileGivesTheFallbackItemAndALoggedReason) {

@@ -19,7 +19,7 @@
 #include "platform/linux_localization.h"
 #include "platform/linux_mount_table.h"
 #include "platform/linux_platform.h"
-#include "platform/strings_file.h"
+#include "platform/linux_strings_file.h"
 
 namespace palvin {
 namespace {
@@ -218,7 +218,7 @@ TEST(LinuxMounts, ParsesMountPointsWithEscapes) {
       "39 27 0:34 /\n\n"
       "40 27 8:1 /sub / rw - ext4 /dev/sda1 rw\n"
       "41 27 0:35 / /last";
-  EXPECT_EQ(mount_table::mountPoints(sample),
+  EXPECT_EQ(linux_mount_table::mountPoints(sample),
             (std::vector<std::string>{"/media/usb stick", "/mnt/back\\slash\ttab\nline",
                                       "/mnt/not\\08octal\\04x", "/", "/last"}));
   auto real = LinuxPlatform().mountedVolumePaths();  // /proc files claim size 0 yet have content
@@ -261,7 +261,7 @@ TEST_F(Linux, MountEventsReachEveryLiveObserverInAPrivateNamespace) {
       finish(77, std::string("making mounts private: ") + std::strerror(errno));
     for (const char* name : {"PALVIN_SHARED_CONTAINER", "XDG_DATA_HOME", "HOME"}) ::unsetenv(name);
     LinuxPlatform linux;
-    installPlatform(&linux);
+    ScopedPlatform installed(linux);
     std::atomic<int> stoppedInside{0}, kept{0};
     VolumeObservation self = 0;
     self = linux.observeVolumeChanges([&] {
@@ -330,9 +330,9 @@ TEST(StringsFile, ParsesEntriesEscapesCommentsAndEncodingsAndNamesTheFaultyLine)
              {"/* open", "line 1: unterminated comment"},
              {"\"a\" = \"\xC3\";", "not valid UTF-8"},
              {utf16(u"\"\xD800\"", false), "not valid UTF-16"}}) {
-    auto table = strings_file::parse(input);
+    auto table = linux_strings_file::parse(input);
     std::string got = table.ok() ? "" : table.error();
-    for (const auto& [key, value] : table.ok() ? *table : strings_file::Table{})
+    for (const auto& [key, value] : table.ok() ? *table : linux_strings_file::Table{})
       got += key + "=" + value + "|";
     EXPECT_EQ(got, expected) << input;
   }
@@ -347,7 +347,7 @@ TEST(StringsFile, LocaleChoosesTablesBestFirst) {
                                            {"en_GB", "en_GB en-GB en"},
                                            {"C.UTF-8", "en"}}) {
     std::string got;
-    for (const auto& name : localization::lprojNames(locale)) got += (got.empty() ? "" : " ") + name;
+    for (const auto& name : linux_localization::lprojNames(locale)) got += (got.empty() ? "" : " ") + name;
     EXPECT_EQ(got, names) << locale;
   }
 }

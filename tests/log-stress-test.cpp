@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/linux_platform.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "support/fake_platform.h"
 #include "support/temp_dir.h"
 
@@ -35,7 +35,7 @@ std::string message(int thread, int n) {
 TEST(LogStress, ConcurrentLinesStayWholeAndInOrderAcrossTrims) {
   TempDir dir;
   LinuxPlatform platform({.container = dir.str(), .bundlePath = dir / "PalvinFinder.appex"});
-  testing::ScopedPlatform installed(platform);
+  ScopedPlatform installed(platform);
 
   std::size_t written = 0;
   for (int t = 0; t < kThreads; ++t) {

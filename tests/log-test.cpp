@@ -1,4 +1,4 @@
-#include "shared/log.h"
+#include "services/log.h"
 
 #include <gtest/gtest.h>
 
@@ -37,7 +37,7 @@ class LogTest : public ::testing::Test {
   }
 
   FakePlatform fake;
-  testing::ScopedPlatform installed{fake};
+  ScopedPlatform installed{fake};
 };
 
 TEST(LogFormat, TimestampsAreUtcWithMillisecondsFlooredAlsoBefore1970) {
@@ -121,7 +121,7 @@ TEST(LogOnDisk, AHugeLogIsStillTrimmedToItsLastBytes) {
     file << '\n';
   }
   LinuxPlatform platform({.container = dir.str()});
-  testing::ScopedPlatform installed(platform);
+  ScopedPlatform installed(platform);
   FinderLog::log(Level::info, "after");
   FinderLog::flush();
   const std::string content = testing::readText(path);

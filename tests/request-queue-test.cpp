@@ -68,7 +68,7 @@ FinderConversionResult expected(const FinderConversionRequest& request) {
 TEST(RequestQueue, ConvertsInParallelRecoversReleasedClaimsAndResumesStoppedRequests) {
   testing::TempDir dir;
   LinuxPlatform platform({.container = dir.path()});
-  installPlatform(&platform);
+  ScopedPlatform installed(platform);
   const auto a = request('a', 40), b = request('b', 40), c = request('c', 10);
   dir.write("requests/a.json", *a.encode());
   dir.write("requests/.b.json", *b.encode());  // being written: not a request yet
@@ -104,7 +104,6 @@ TEST(RequestQueue, ConvertsInParallelRecoversReleasedClaimsAndResumesStoppedRequ
   EXPECT_EQ(third.converted.size(), 40 - done);  // only the files left
   EXPECT_EQ(*result("b.json"), expected(b));
   EXPECT_TRUE(std::filesystem::is_empty(dir.file("requests/processing")));
-  installPlatform(nullptr);
 }
 
 }  // namespace

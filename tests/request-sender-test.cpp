@@ -9,7 +9,6 @@ namespace palvin {
 namespace {
 
 using testing::FakePlatform;
-using testing::ScopedPlatform;
 using Lines = std::vector<std::string>;
 using Logged = std::vector<FakePlatform::UnifiedEntry>;
 

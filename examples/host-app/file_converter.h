@@ -9,7 +9,7 @@
 
 #include "converters.h"
 #include "requests/request_queue.h"
-#include "shared/log.h"
+#include "services/log.h"
 
 namespace palvin::host {
 

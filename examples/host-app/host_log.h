@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/platform.h"
-#include "shared/log.h"
+#include "services/log.h"
 
 namespace palvin::host {
 

@@ -188,7 +188,7 @@ int main(int argc, char** argv) {
   // The platform finds the container by the extension's own rule, including
   // PALVIN_SHARED_CONTAINER, in which the extension passes the one it uses.
   LinuxPlatform platform;
-  installPlatform(&platform);
+  ScopedPlatform installed(platform);
   auto container = platform.containerPath(ids::kAppGroupIdentifier);
   if (!container) {
     std::cerr << "PalvinHost: no shared container (set PALVIN_SHARED_CONTAINER, XDG_DATA_HOME or HOME)\n";

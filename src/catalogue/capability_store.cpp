@@ -5,8 +5,8 @@
 #include <string>
 #include <utility>
 
-#include "shared/container.h"
-#include "shared/log.h"
+#include "services/container.h"
+#include "services/log.h"
 #include "shared/paths.h"
 
 namespace palvin {

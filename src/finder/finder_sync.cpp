@@ -4,7 +4,7 @@
 
 #include "platform/platform.h"
 #include "shared/json_writer.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "shared/text.h"
 
 namespace palvin {

@@ -42,10 +42,12 @@ class FinderSync {
   void volumesChanged();
   void refreshMonitoredDirectories();
 
-  // Observation and badge callbacks: the extension sets no badges.
-  void beginObservingDirectoryAtURL(const std::string& url);
-  void endObservingDirectoryAtURL(const std::string& url);
-  void requestBadgeIdentifierForURL(const std::string& url);
+  // Observation and badge callbacks: the extension sets no badges. They keep
+  // the names of the FIFinderSync methods the macOS shell forwards; here, as
+  // everywhere in the core, a "URL" is a plain file-system path.
+  void beginObservingDirectoryAtURL(const std::string& directory);
+  void endObservingDirectoryAtURL(const std::string& directory);
+  void requestBadgeIdentifierForURL(const std::string& item);
 
   // Always a menu, empty when there is nothing to offer. Takes the raw
   // platform value so that unknown kinds are handled like the platform's.
@@ -57,7 +59,6 @@ class FinderSync {
   const std::map<std::int64_t, std::string>& targetFormatByTag() const { return targetFormatByTag_; }
   const std::vector<FinderFileRef>& pendingFiles() const { return pendingFiles_; }
   CapabilityStore& capabilities() { return capabilities_; }
-  FinderRequestSender& requester() { return requester_; }
 
  private:
   void populateConvertMenu(Menu& submenu, const std::vector<FinderMenuPlanner::TargetItem>& inlineTargets,
@@ -67,7 +68,7 @@ class FinderSync {
                                                 const std::string& accessibilityDescription);
 
   CapabilityStore capabilities_;
-  FinderRequestSender requester_;
+  FinderRequestSender requester_;  // delivers requests, launches the host app
   std::map<std::int64_t, std::string> targetFormatByTag_;
   std::vector<FinderFileRef> pendingFiles_;
   VolumeObservation volumeObservation_ = 0;

@@ -14,9 +14,6 @@ namespace palvin {
 
 class ApplePlatform final : public Platform {
  public:
-  // Reads larger than this are refused rather than allowed to exhaust memory.
-  static constexpr std::uint64_t kMaxReadSize = 64ull << 20;
-
   ApplePlatform();
   // Removes every volume observer still registered.
   ~ApplePlatform() override;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-namespace palvin::localization {
+namespace palvin::linux_localization {
 
 std::vector<std::string> lprojNames(std::string_view locale) {
   // language[_territory][.codeset][@modifier]
@@ -36,4 +36,4 @@ std::string messagesLocale() {
   return {};
 }
 
-}  // namespace palvin::localization
+}  // namespace palvin::linux_localization

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-namespace palvin::localization {
+namespace palvin::linux_localization {
 
 // "de_DE.UTF-8" gives de_DE, de-DE, de, en: the locale as written and with
 // the hyphen the bundles use, the bare language, and English, the language
@@ -16,4 +16,4 @@ std::vector<std::string> lprojNames(std::string_view locale);
 // The locale for messages: the first non-empty of LC_ALL, LC_MESSAGES, LANG.
 std::string messagesLocale();
 
-}  // namespace palvin::localization
+}  // namespace palvin::linux_localization

@@ -11,7 +11,7 @@
 #include <system_error>
 #include <thread>
 
-namespace palvin::mount_table {
+namespace palvin::linux_mount_table {
 namespace {
 
 bool isOctal(char c) { return c >= '0' && c <= '7'; }
@@ -136,4 +136,4 @@ void Watcher::stop() {
   }
 }
 
-}  // namespace palvin::mount_table
+}  // namespace palvin::linux_mount_table

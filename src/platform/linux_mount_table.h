@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace palvin::mount_table {
+namespace palvin::linux_mount_table {
 
 // The mount point (fifth field) of every line, octal escapes such as "\040"
 // decoded, in file order with duplicates kept. Lines too short are skipped.
@@ -36,4 +36,4 @@ class Watcher {
   std::shared_ptr<State> state_;
 };
 
-}  // namespace palvin::mount_table
+}  // namespace palvin::linux_mount_table

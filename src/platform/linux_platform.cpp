@@ -119,7 +119,7 @@ LinuxPlatform::LinuxPlatform(Options options) : options_(std::move(options)) {}
 // openlog keeps a pointer to the ident, which lives in this binary: a module
 // unloaded from its host must not leave the C library holding it.
 LinuxPlatform::~LinuxPlatform() {
-  std::unique_ptr<mount_table::Watcher> watcher;
+  std::unique_ptr<linux_mount_table::Watcher> watcher;
   {
     std::lock_guard lock(observersMutex_);
     observers_.clear();
@@ -308,7 +308,7 @@ std::optional<bool> LinuxPlatform::isDirectory(const std::string& path) {
 std::optional<std::vector<std::string>> LinuxPlatform::mountedVolumePaths() {
   auto table = linux_files::readFile("/proc/self/mountinfo", kMaxReadSize);
   if (!table.ok()) return std::nullopt;
-  return mount_table::mountPoints(*table);
+  return linux_mount_table::mountPoints(*table);
 }
 
 void LinuxPlatform::setMonitoredDirectories(const std::vector<std::string>& paths) {
@@ -321,12 +321,12 @@ VolumeObservation LinuxPlatform::observeVolumeChanges(std::function<void()> hand
   std::lock_guard lock(observersMutex_);
   const VolumeObservation observation = nextObservation_++;
   observers_.emplace(observation, std::move(handler));
-  if (!watcher_) watcher_ = mount_table::Watcher::start([this] { deliverVolumeChange(); });
+  if (!watcher_) watcher_ = linux_mount_table::Watcher::start([this] { deliverVolumeChange(); });
   return observation;
 }
 
 void LinuxPlatform::stopObservingVolumeChanges(VolumeObservation observation) {
-  std::unique_ptr<mount_table::Watcher> idle;
+  std::unique_ptr<linux_mount_table::Watcher> idle;
   {
     std::lock_guard lock(observersMutex_);
     if (observers_.erase(observation) == 0) return;
@@ -384,12 +384,12 @@ bool LinuxPlatform::hasSymbolImage(std::string_view name) {
 
 void LinuxPlatform::loadStrings() {
   if (!options_.stringsDirectory) return;
-  for (const auto& name : localization::lprojNames(localization::messagesLocale())) {
+  for (const auto& name : linux_localization::lprojNames(linux_localization::messagesLocale())) {
     std::string path = paths::join(paths::join(*options_.stringsDirectory, name + ".lproj"), "Localizable.strings");
     auto bytes = linux_files::readFile(path, kMaxReadSize);
     if (!bytes.ok()) continue;
     // A table that does not parse is passed over like a missing one.
-    auto table = strings_file::parse(*bytes);
+    auto table = linux_strings_file::parse(*bytes);
     if (!table.ok()) continue;
     strings_ = std::move(*table);
     return;

@@ -12,15 +12,12 @@
 
 #include "platform/linux_mount_table.h"
 #include "platform/platform.h"
-#include "platform/strings_file.h"
+#include "platform/linux_strings_file.h"
 
 namespace palvin {
 
 class LinuxPlatform : public Platform {
  public:
-  // Reads larger than this are refused rather than allowed to exhaust memory.
-  static constexpr std::uint64_t kMaxReadSize = 64ull << 20;
-
   struct Options {
     // The shared container; default $PALVIN_SHARED_CONTAINER, else
     // $XDG_DATA_HOME/<app group identifier>, else
@@ -91,7 +88,7 @@ class LinuxPlatform : public Platform {
   bool systemLogListens_ = false;
 
   std::once_flag stringsOnce_;
-  strings_file::Table strings_;
+  linux_strings_file::Table strings_;
 
   // Volume observers share one watcher thread, which runs while any is
   // registered. `observersMutex_` guards the map and the watcher;
@@ -100,7 +97,7 @@ class LinuxPlatform : public Platform {
   std::mutex observersMutex_;
   std::map<VolumeObservation, std::function<void()>> observers_;
   VolumeObservation nextObservation_ = 1;
-  std::unique_ptr<mount_table::Watcher> watcher_;
+  std::unique_ptr<linux_mount_table::Watcher> watcher_;
   std::mutex deliveringMutex_;
 };
 

@@ -23,4 +23,9 @@ Platform& currentPlatform() {
   return *platform;
 }
 
+ScopedPlatform::ScopedPlatform(Platform& platform)
+    : previous_(gPlatform.exchange(&platform, std::memory_order_acq_rel)) {}
+
+ScopedPlatform::~ScopedPlatform() { installPlatform(previous_); }
+
 }  // namespace palvin

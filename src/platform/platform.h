@@ -66,6 +66,10 @@ using LaunchCompletion = std::function<void(std::optional<std::string> error)>;
 
 class Platform {
  public:
+  // The most `readFile` reads of one file, on every platform: a document
+  // larger than this is not one we wrote.
+  static constexpr std::uint64_t kMaxReadSize = 64ull << 20;
+
   virtual ~Platform() = default;
 
   // --- Time -------------------------------------------------------------
@@ -146,5 +150,18 @@ class Platform {
 void installPlatform(Platform* platform);
 Platform& currentPlatform();
 bool hasPlatform();
+
+// Installs a platform for the lifetime of a scope and puts back the previous
+// one, also when the scope is left by an exception.
+class ScopedPlatform {
+ public:
+  explicit ScopedPlatform(Platform& platform);
+  ~ScopedPlatform();
+  ScopedPlatform(const ScopedPlatform&) = delete;
+  ScopedPlatform& operator=(const ScopedPlatform&) = delete;
+
+ private:
+  Platform* previous_;
+};
 
 }  // namespace palvin

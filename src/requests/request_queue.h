@@ -32,7 +32,7 @@
 
 #include "requests/conversion_result.h"
 #include "requests/request.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "shared/result.h"
 
 namespace palvin {

@@ -17,8 +17,9 @@ class FinderRequestSender {
 
   void send(const FinderConversionRequest& request);
   void launchHostApp(bool activates);
-  // The nearest bundle with the extension "app" among the extension's own
-  // bundle and its four nearest ancestors, or nothing.
+  // The path of the nearest bundle with the extension "app" among the
+  // extension's own bundle and its four nearest ancestors, or nothing. Named
+  // after the NSURL the macOS shell opens it by.
   std::optional<std::string> hostAppURL();
 };
 

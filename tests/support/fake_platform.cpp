@@ -224,12 +224,4 @@ std::string FakePlatform::localizedString(std::string_view key) {
   return it == translations.end() ? std::string(key) : it->second;
 }
 
-ScopedPlatform::ScopedPlatform(Platform& platform) : previous_(hasPlatform() ? &currentPlatform() : nullptr) {
-  installPlatform(&platform);
-}
-
-ScopedPlatform::~ScopedPlatform() {
-  installPlatform(previous_);
-}
-
 }  // namespace palvin::testing

@@ -119,16 +119,5 @@ class FakePlatform : public Platform {
   std::int64_t ticks_ = 0;
 };
 
-// Installs a platform for the lifetime of a scope and puts back the previous one.
-class ScopedPlatform {
- public:
-  explicit ScopedPlatform(Platform& platform);
-  ~ScopedPlatform();
-  ScopedPlatform(const ScopedPlatform&) = delete;
-  ScopedPlatform& operator=(const ScopedPlatform&) = delete;
-
- private:
-  Platform* previous_;
-};
 
 }  // namespace palvin::testing

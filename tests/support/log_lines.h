@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "shared/log.h"
+#include "services/log.h"
 #include "support/fake_platform.h"
 
 namespace palvin::testing {

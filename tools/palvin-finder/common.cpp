@@ -13,7 +13,7 @@
 #include <filesystem>
 
 #include "platform/platform.h"
-#include "shared/container.h"
+#include "services/container.h"
 #include "tool.h"
 
 namespace palvin::tool {

@@ -16,7 +16,7 @@
 #include "requests/request_queue.h"
 #include "sample_catalogue.h"
 #include "sample_images.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "shared/paths.h"
 #include "tool.h"
 
@@ -249,8 +249,7 @@ int Demo::run(bool keep) {
   options.stringsDirectory = stringsDirectory();
   DemoPlatform platform(options);
   platform_ = &platform;
-  Platform* previous = &currentPlatform();
-  installPlatform(&platform);
+  ScopedPlatform installed(platform);
 
   std::cout << style_.bold("PalvinFinder demo") << '\n'
             << "Shared container: " << container_ << '\n'
@@ -310,7 +309,6 @@ int Demo::run(bool keep) {
     showMenu(finder, {"photo.png"});
   }
   FinderLog::flush();
-  installPlatform(previous);
 
   step("The log file", "finder-extension.log in the shared container, as the host app and the user read it.");
   std::ifstream in(paths::join(container_, FinderLog::kFileName), std::ios::binary);

@@ -12,7 +12,7 @@
 
 #include "platform/platform.h"
 #include "shared/json_writer.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "shared/paths.h"
 #include "tool.h"
 

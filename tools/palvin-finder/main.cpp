@@ -39,7 +39,7 @@ std::string versionText() {
 
 int main(int argc, char** argv) {
   palvin::LinuxPlatform platform;
-  palvin::installPlatform(&platform);
+  palvin::ScopedPlatform installed(platform);
 
   CLI::App app{kDescription, "palvin-finder"};
   app.footer(footer());

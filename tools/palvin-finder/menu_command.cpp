@@ -11,8 +11,8 @@
 #include "finder/finder_sync.h"
 #include "menu_view.h"
 #include "platform/linux_platform.h"
-#include "shared/container.h"
-#include "shared/log.h"
+#include "services/container.h"
+#include "services/log.h"
 #include "shared/paths.h"
 
 namespace palvin::tool {
@@ -136,8 +136,7 @@ int runMenu(const MenuOptions& options) {
   std::vector<std::string> selection;
   for (const auto& path : options.paths) selection.push_back(absolutePath(path));
   platform.setSelection(selection);
-  Platform* previous = &currentPlatform();
-  installPlatform(&platform);
+  ScopedPlatform installed(platform);
 
   auto container = FinderSharedContainer::url();
   std::optional<std::string> logPath;
@@ -170,7 +169,6 @@ int runMenu(const MenuOptions& options) {
   std::cout << '\n';
   printLogSince(logPath, logOffset, style);
   if (!container) std::cout << style.yellow("No shared container: pass --container, or set PALVIN_SHARED_CONTAINER, XDG_DATA_HOME or HOME.\n");
-  installPlatform(previous);
   return kExitOk;
 }
 

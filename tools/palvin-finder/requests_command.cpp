@@ -13,7 +13,7 @@
 #include "requests/request.h"
 #include "requests/request_queue.h"
 #include "shared/json_writer.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "shared/paths.h"
 #include "tool.h"
 

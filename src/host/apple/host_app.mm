@@ -23,7 +23,7 @@
 #include "host/image_catalogue.h"
 #include "platform/apple_platform.h"
 #include "requests/request_queue.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "shared/paths.h"
 
 namespace {

@@ -24,7 +24,7 @@ extern "C" {
 #include "finder/menu_model.h"
 #include "platform/nautilus/nautilus_platform.h"
 #include "platform/platform.h"
-#include "shared/log.h"
+#include "services/log.h"
 #include "shared/paths.h"
 
 namespace palvin {

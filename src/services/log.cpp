@@ -1,4 +1,4 @@
-#include "shared/log.h"
+#include "services/log.h"
 
 #include <condition_variable>
 #include <cstdio>
@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "platform/platform.h"
-#include "shared/container.h"
+#include "services/container.h"
 #include "shared/json_writer.h"
 #include "shared/paths.h"
 

@@ -1,4 +1,4 @@
-#include "shared/container.h"
+#include "services/container.h"
 
 #include <palvin/identifiers.h>
 

@@ -1,11 +1,11 @@
-#include "platform/strings_file.h"
+#include "platform/linux_strings_file.h"
 
 #include <algorithm>
 #include <optional>
 
 #include "shared/json_writer.h"
 
-namespace palvin::strings_file {
+namespace palvin::linux_strings_file {
 namespace {
 
 void appendUtf8(std::string& out, char32_t c) {
@@ -218,4 +218,4 @@ Result<Table> parse(std::string_view bytes) {
   return Parser(bytes).run();
 }
 
-}  // namespace palvin::strings_file
+}  // namespace palvin::linux_strings_file

@@ -9,7 +9,7 @@
 
 #include "shared/result.h"
 
-namespace palvin::strings_file {
+namespace palvin::linux_strings_file {
 
 using Table = std::map<std::string, std::string, std::less<>>;
 
@@ -17,4 +17,4 @@ using Table = std::map<std::string, std::string, std::less<>>;
 // earlier one. Errors name the line ("line 3: expected ';' after the value").
 Result<Table> parse(std::string_view bytes);
 
-}  // namespace palvin::strings_file
+}  // namespace palvin::linux_strings_file

@@ -6,8 +6,9 @@
 
 namespace palvin::FinderSharedContainer {
 
-// The container's root directory, or nothing when the platform gives none.
-// Asked afresh on every call, so a container that comes or goes is seen.
+// The path of the container's root directory, or nothing when the platform
+// gives none. Named after the container URL Foundation hands out. Asked afresh
+// on every call, so a container that comes or goes is seen.
 std::optional<std::string> url();
 
 }  // namespace palvin::FinderSharedContainer
