@@ -22,8 +22,5 @@ ToolRun runProgram(const std::string& program, const std::vector<std::string>& a
                    const std::vector<std::string>& env = {}, const std::function<void(int pid)>& started = {});
 
 // runProgram with PALVIN_TOOL_PATH.
-ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-                const std::function<void(int pid)>& started = {});
-
-
+ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
 }  // namespace palvin::testing

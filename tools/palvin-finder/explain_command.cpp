@@ -4,6 +4,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "loading.h"
 #include "platform/platform.h"
 #include "shared/json_writer.h"
 #include "shared/text.h"
@@ -56,11 +57,8 @@ std::string missingKeyHint(const FinderCapabilities& catalogue, const std::strin
 
 int explain(const std::string& file, const std::vector<std::string>& paths, std::ostream& out) {
   Style style = styleForStdout();
-  auto loaded = loadCapabilities(file);
-  if (!loaded.ok()) {
-    std::cerr << "Failed to decode capabilities: " << loaded.error() << '\n';
-    return kExitUsage;
-  }
+  auto loaded = loadCatalogue(file);
+  if (!loaded) return kExitUsage;
   const FinderCapabilities& catalogue = *loaded;
   std::unordered_map<std::string_view, const Format*> formats;
   for (const auto& format : catalogue.formats) formats.try_emplace(format.id, &format);
@@ -163,13 +161,13 @@ int explain(const std::string& file, const std::vector<std::string>& paths, std:
 
 }  // namespace
 
-void registerExplainCommand(Registry registry) {
+void addExplainCommand(CommandLine commandLine) {
   struct Options {
     std::string capabilities;
     std::vector<std::string> paths;
   };
   auto options = std::make_shared<Options>();
-  CLI::App* command = registry.app.add_subcommand(
+  CLI::App* command = commandLine.app.add_subcommand(
       "explain",
       "Say why the Convert menu for PATHs is what it is: each file's extension and source format (or\n"
       "the missing key that withholds the menu), each file's targets, their intersection, what is\n"
@@ -179,7 +177,7 @@ void registerExplainCommand(Registry registry) {
       ->required();
   command->add_option("paths", options->paths, "selected files, in selection order (need not exist)")->required();
   command->footer("\nExit codes: 0 explained (with or without a menu); 2 the document can't be read or decoded.");
-  int& exitCode = registry.exitCode;
+  int& exitCode = commandLine.exitCode;
   command->callback([options, &exitCode] { exitCode = explain(options->capabilities, options->paths, std::cout); });
 }
 
