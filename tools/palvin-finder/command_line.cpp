@@ -30,6 +30,12 @@ void addTimeoutOption(CLI::App& command, std::optional<double>& timeout, CLI::Op
       ->needs(waitFlag);
 }
 
+void addCatalogueOptions(CLI::App& command, std::string& capabilities, std::string_view purpose,
+                         std::vector<std::string>& paths, std::string_view pathsHelp) {
+  command.add_option("--capabilities", capabilities, "capabilities document to " + std::string(purpose))->required();
+  command.add_option("paths", paths, std::string(pathsHelp))->required();
+}
+
 std::string sharedContainerHelp() {
   std::string text =
       "Shared container: the directory the extension and the host app share. It holds\n"

@@ -173,9 +173,8 @@ void addExplainCommand(CommandLine commandLine) {
       "the missing key that withholds the menu), each file's targets, their intersection, what is\n"
       "removed as the selection's own formats or dropped as unknown, the source category, and the\n"
       "categories offered nowhere. Answers \"why doesn't my format show up in the menu?\".");
-  command->add_option("--capabilities", options->capabilities, "capabilities document to explain against")
-      ->required();
-  command->add_option("paths", options->paths, "selected files, in selection order (need not exist)")->required();
+  addCatalogueOptions(*command, options->capabilities, "explain against", options->paths,
+                      "selected files, in selection order (need not exist)");
   command->footer("\nExit codes: 0 explained (with or without a menu); 2 the document can't be read or decoded.");
   int& exitCode = commandLine.exitCode;
   command->callback([options, &exitCode] { exitCode = explain(options->capabilities, options->paths, std::cout); });

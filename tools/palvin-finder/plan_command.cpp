@@ -103,12 +103,11 @@ void addPlanCommand(CommandLine commandLine) {
       "Print the Convert menu plan for PATHs (which need not exist): each file's source format, the\n"
       "inline targets and the category groups. A path's extension is the text after the last dot\n"
       "of its last component, lower-cased, exactly as the extension takes it.");
-  command->add_option("--capabilities", options->capabilities, "capabilities document to plan against")
-      ->required();
+  addCatalogueOptions(*command, options->capabilities, "plan against", options->paths,
+                      "selected files, in selection order");
   command->add_flag("--json", options->json,
                     "print exactly one JSON value: null when there is no plan, otherwise\n"
                     "{\"files\":[...],\"inlineTargets\":[...],\"groups\":[...]}");
-  command->add_option("paths", options->paths, "selected files, in selection order")->required();
   command->footer(
       "\nExit codes: 0 whether or not there is a plan; 2 when the capabilities document can't be\n"
       "read or decoded (\"Failed to decode capabilities: ...\" on standard error).");

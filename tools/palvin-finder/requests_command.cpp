@@ -64,17 +64,24 @@ std::string timestamp(FileTime t) {
   return FinderLog::formatTimestamp(system_clock::time_point(since));
 }
 
-// False when the file does not hold a valid request.
-bool printRequest(const Style& style, const std::string& directory, const RequestFile& file) {
+// The file's name and time, then its document as `Document` decodes it;
+// nothing, after saying why, when it does not hold one.
+template <class Document>
+std::optional<Document> printHeading(const Style& style, const std::string& directory, const RequestFile& file) {
   std::cout << style.bold(json::toValidUtf8(file.name));
   if (file.modified) std::cout << "  " << style.dim(timestamp(*file.modified));
   std::cout << '\n';
   auto bytes = currentPlatform().readFile(paths::join(directory, file.name));
-  auto request = bytes.ok() ? FinderConversionRequest::decode(*bytes) : Error{bytes.error()};
-  if (!request.ok()) {
-    std::cout << "  " << style.red("invalid") << ": " << json::toValidUtf8(request.error()) << '\n';
-    return false;
-  }
+  auto decoded = bytes.ok() ? Document::decode(*bytes) : Error{bytes.error()};
+  if (decoded.ok()) return std::move(*decoded);
+  std::cout << "  " << style.red("invalid") << ": " << json::toValidUtf8(decoded.error()) << '\n';
+  return std::nullopt;
+}
+
+// False when the file does not hold a valid request.
+bool printRequest(const Style& style, const std::string& directory, const RequestFile& file) {
+  auto request = printHeading<FinderConversionRequest>(style, directory, file);
+  if (!request) return false;
   std::cout << "  to " << style.cyan(json::toValidUtf8(request->targetFormatId)) << ", "
             << request->files.size() << " file(s)\n";
   for (const auto& ref : request->files) {
@@ -86,15 +93,8 @@ bool printRequest(const Style& style, const std::string& directory, const Reques
 
 // False when the file does not hold a valid result document.
 bool printResult(const Style& style, const std::string& directory, const RequestFile& file) {
-  std::cout << style.bold(json::toValidUtf8(file.name));
-  if (file.modified) std::cout << "  " << style.dim(timestamp(*file.modified));
-  std::cout << '\n';
-  auto bytes = currentPlatform().readFile(paths::join(directory, file.name));
-  auto result = bytes.ok() ? FinderConversionResult::decode(*bytes) : Error{bytes.error()};
-  if (!result.ok()) {
-    std::cout << "  " << style.red("invalid") << ": " << json::toValidUtf8(result.error()) << '\n';
-    return false;
-  }
+  auto result = printHeading<FinderConversionResult>(style, directory, file);
+  if (!result) return false;
   using Status = FinderFileResult::Status;
   std::cout << "  to " << style.cyan(json::toValidUtf8(result->targetFormatId)) << ": "
             << result->count(Status::converted) << " converted, " << result->count(Status::failed) << " failed";

@@ -51,6 +51,11 @@ std::string sharedContainerHelp();
 inline constexpr std::string_view kNoContainerAdvice =
     "pass --container, or set PALVIN_SHARED_CONTAINER, XDG_DATA_HOME or HOME";
 
+// --capabilities FILE (required) and the selected PATHs, for commands that
+// plan against a catalogue.
+void addCatalogueOptions(CLI::App& command, std::string& capabilities, std::string_view purpose,
+                         std::vector<std::string>& paths, std::string_view pathsHelp);
+
 // The shared container: `option` (--container) made absolute when given,
 // otherwise the platform's default; nothing when there is neither.
 std::optional<std::string> resolveContainer(const std::string& option);
