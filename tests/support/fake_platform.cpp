@@ -83,21 +83,6 @@ void FakePlatform::simulateVolumeChange() {
   for (const auto& [observation, handler] : locked(volumeHandlers_)) handler();
 }
 
-std::chrono::system_clock::time_point FakePlatform::now() {
-  std::lock_guard lock(mutex_);
-  return clock;
-}
-
-std::optional<std::string> FakePlatform::containerPath(std::string_view) {
-  std::lock_guard lock(mutex_);
-  return container;
-}
-
-bool FakePlatform::unifiedLogEnabled(UnifiedLogType type) {
-  std::lock_guard lock(mutex_);
-  return enabledTypes.count(type) != 0;
-}
-
 void FakePlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
   std::lock_guard lock(mutex_);
   unified_.push_back({type, std::string(message)});
@@ -151,13 +136,7 @@ Result<std::unique_ptr<WritableFile>> FakePlatform::openForWriting(const std::st
 
 void FakePlatform::postNotification(std::string_view name) {
   std::lock_guard lock(mutex_);
-  notifications_.emplace_back(name);
   events_.push_back("notify " + std::string(name));
-}
-
-std::string FakePlatform::bundlePath() {
-  std::lock_guard lock(mutex_);
-  return bundle;
 }
 
 void FakePlatform::openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
@@ -172,20 +151,10 @@ void FakePlatform::openApplication(const std::string& bundlePath, const OpenConf
   completion(error);
 }
 
-std::optional<std::vector<std::string>> FakePlatform::selectedItemPaths() {
-  std::lock_guard lock(mutex_);
-  return selection;
-}
-
 std::optional<bool> FakePlatform::isDirectory(const std::string& path) {
   std::lock_guard lock(mutex_);
   if (unknownDirectoryness.count(path) != 0) return std::nullopt;
   return directories.count(path) != 0;
-}
-
-std::optional<std::vector<std::string>> FakePlatform::mountedVolumePaths() {
-  std::lock_guard lock(mutex_);
-  return volumes;
 }
 
 void FakePlatform::setMonitoredDirectories(const std::vector<std::string>& paths) {
@@ -211,11 +180,6 @@ std::optional<std::string> FakePlatform::userDefaultString(std::string_view key)
   auto it = defaults.find(std::string(key));
   if (it == defaults.end()) return std::nullopt;
   return it->second;
-}
-
-bool FakePlatform::hasSymbolImage(std::string_view name) {
-  std::lock_guard lock(mutex_);
-  return symbols.count(std::string(name)) != 0;
 }
 
 std::string FakePlatform::localizedString(std::string_view key) {

@@ -58,7 +58,6 @@ class FakePlatform : public Platform {
   std::vector<std::string> filesUnder(const std::string& directory) const;
 
   // --- What happened -----------------------------------------------------
-  std::vector<std::string> notifications() const { return locked(notifications_); }
   std::vector<Launch> launches() const { return locked(launches_); }
   std::vector<std::vector<std::string>> monitoredHistory() const { return locked(monitored_); }
   std::vector<UnifiedEntry> unifiedEntries() const { return locked(unified_); }
@@ -72,9 +71,9 @@ class FakePlatform : public Platform {
   std::size_t volumeObservers() const { return locked(volumeHandlers_).size(); }
 
   // --- Platform ----------------------------------------------------------
-  std::chrono::system_clock::time_point now() override;
-  std::optional<std::string> containerPath(std::string_view appGroupIdentifier) override;
-  bool unifiedLogEnabled(UnifiedLogType type) override;
+  std::chrono::system_clock::time_point now() override { return locked(clock); }
+  std::optional<std::string> containerPath(std::string_view) override { return locked(container); }
+  bool unifiedLogEnabled(UnifiedLogType type) override { return locked(enabledTypes).contains(type); }
   void unifiedLog(UnifiedLogType type, std::string_view message) override;
   std::shared_ptr<const TextRules> textRules() override;
   Result<ModificationDate> modificationDate(const std::string& path) override;
@@ -83,17 +82,17 @@ class FakePlatform : public Platform {
   Status createDirectories(const std::string& path) override;
   Result<std::unique_ptr<WritableFile>> openForWriting(const std::string& path) override;
   void postNotification(std::string_view name) override;
-  std::string bundlePath() override;
+  std::string bundlePath() override { return locked(bundle); }
   void openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
                        LaunchCompletion completion) override;
-  std::optional<std::vector<std::string>> selectedItemPaths() override;
+  std::optional<std::vector<std::string>> selectedItemPaths() override { return locked(selection); }
   std::optional<bool> isDirectory(const std::string& path) override;
-  std::optional<std::vector<std::string>> mountedVolumePaths() override;
+  std::optional<std::vector<std::string>> mountedVolumePaths() override { return locked(volumes); }
   void setMonitoredDirectories(const std::vector<std::string>& paths) override;
   VolumeObservation observeVolumeChanges(std::function<void()> handler) override;
   void stopObservingVolumeChanges(VolumeObservation observation) override;
   std::optional<std::string> userDefaultString(std::string_view key) override;
-  bool hasSymbolImage(std::string_view name) override;
+  bool hasSymbolImage(std::string_view name) override { return locked(symbols).contains(std::string(name)); }
   std::string localizedString(std::string_view key) override;
 
  private:
@@ -108,7 +107,6 @@ class FakePlatform : public Platform {
 
   mutable std::mutex mutex_;
   std::map<std::string, File> files_;
-  std::vector<std::string> notifications_;
   std::vector<Launch> launches_;
   std::vector<std::vector<std::string>> monitored_;
   std::vector<UnifiedEntry> unified_;
