@@ -7,14 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "catalogue/capability_store.h"
@@ -27,7 +23,6 @@ namespace palvin {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 using testing::readText;
 using testing::writeText;
 
@@ -102,48 +97,6 @@ TEST_F(HostileInput, OddFilesGiveTheFallbackItemAndTheirExactReason) {
     EXPECT_EQ(logLines().back(), kDecodeFailed + catalogue + ": " + c.reason);
     EXPECT_EQ(finder.capabilities().cached(), held);
   }
-}
-
-// The host app rewrites the file in place (truncate, small writes, a pause)
-// while loads run: a load finds the old, the new, an empty or a torn file, and
-// yields one of the two whole catalogues or nothing with a logged reason.
-TEST_F(HostileInput, AFileRewrittenDuringLoadsGivesAWholeCatalogueOrALoggedFailure) {
-  std::string second = example;
-  second.replace(second.find("\"Images\""), 8, "\"Pictures\"");
-  const auto a = FinderCapabilities::decode(example), b = FinderCapabilities::decode(second);
-  ASSERT_TRUE(a.ok() && b.ok());
-  writeText(catalogue, example);
-  std::atomic<bool> stop{false};
-  std::atomic<int> rewrites{0};
-  std::thread writer([&] {
-    for (int i = 0; !stop; ++i) {
-      const std::string& text = i % 2 == 0 ? second : example;
-      const int fd = ::open(catalogue.c_str(), O_WRONLY | O_TRUNC);
-      for (std::size_t at = 0; fd >= 0 && at < text.size(); at += 128) {
-        (void)!::write(fd, text.data() + at, std::min<std::size_t>(128, text.size() - at));
-        std::this_thread::yield();
-      }
-      ::close(fd);
-      ++rewrites;
-      std::this_thread::sleep_for(100us);  // whole for a moment, so that loads see whole files too
-    }
-  });
-  // Few enough loads that their lines stay below the trimming threshold.
-  CapabilityStore store;
-  int without = 0;
-  Watchdog guard;
-  while (rewrites == 0) std::this_thread::yield();
-  for (int loads = 0; loads < 1200 && rewrites < 100; ++loads) {
-    const auto loaded = store.load();
-    without += !loaded;
-    EXPECT_TRUE(!loaded || *loaded == *a || *loaded == *b);
-    std::this_thread::sleep_for(20us);
-  }
-  stop = true;
-  writer.join();
-  const auto lines = logLines();
-  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](auto& l) { return l.starts_with(kDecodeFailed); }), without)
-      << "every load without a catalogue logs why";
 }
 
 }  // namespace

@@ -43,10 +43,6 @@ class FakeWritableFile : public WritableFile {
   std::size_t position_ = 0;
 };
 
-FakePlatform::FakePlatform() {
-  directories.insert("/container");
-}
-
 FileTime FakePlatform::tick() {
   ++ticks_;
   return FileTime{1795424400 + ticks_, 0};
@@ -128,7 +124,6 @@ Status FakePlatform::createDirectories(const std::string& path) {
 Result<std::unique_ptr<WritableFile>> FakePlatform::openForWriting(const std::string& path) {
   {
     std::lock_guard lock(mutex_);
-    if (failOpenForWriting) return Error{*failOpenForWriting};
     if (files_.count(path) == 0) return Error{"No such file or directory"};
   }
   return std::unique_ptr<WritableFile>(std::make_unique<FakeWritableFile>(*this, path));

@@ -29,13 +29,11 @@ class FakePlatform : public Platform {
     bool operator==(const UnifiedEntry&) const = default;
   };
 
-  FakePlatform();
-
   // --- Set-up ------------------------------------------------------------
   std::optional<std::string> container = "/container";
   std::string bundle = "/Applications/Palvin.app/Contents/PlugIns/PalvinFinder.appex";
   std::optional<std::vector<std::string>> selection;
-  std::set<std::string> directories;           // paths that are directories (also for isDirectory)
+  std::set<std::string> directories = {"/container"};  // paths that are directories
   std::set<std::string> unknownDirectoryness;  // paths whose directory lookup fails
   std::optional<std::vector<std::string>> volumes = std::vector<std::string>{};
   std::map<std::string, std::string> defaults;
@@ -47,7 +45,6 @@ class FakePlatform : public Platform {
   // Failure switches: when set, the operation fails with this description.
   std::optional<std::string> failWrites;
   std::optional<std::string> failCreateDirectories;
-  std::optional<std::string> failOpenForWriting;
   std::optional<std::string> failReads;
   std::optional<std::string> failLaunch;
 
