@@ -69,7 +69,7 @@ class Linux : public ::testing::Test {
 // --- Files ----------------------------------------------------------------
 
 // Odd files in a whole-file read's place are refused by the hostile input test.
-TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemToTheNanosecond) {
+TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemAndLinksToTheNanosecond) {
   const std::string binary("a\0b\n\xFF", 5);
   writeText(at("data"), binary);
   writeText(at("limit"), "");
@@ -82,9 +82,14 @@ TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemToTheNanosecond) {
   if (fs::exists(shorter)) {
     EXPECT_EQ(platform.readFile(shorter).value(), testing::readText(shorter));
   }
-  timespec times[2] = {{1, 0}, {1700000000, 123456789}};  // access, modification
+  // A link's date is its own and its target's.
+  ASSERT_EQ(::symlink("data", at("link").c_str()), 0);
+  const timespec times[2] = {{1, 0}, {1700000000, 123456789}}, linkTimes[2] = {{1, 0}, {1600000000, 1}};
   ASSERT_EQ(::utimensat(AT_FDCWD, at("data").c_str(), times, 0), 0);
+  ASSERT_EQ(::utimensat(AT_FDCWD, at("link").c_str(), linkTimes, AT_SYMLINK_NOFOLLOW), 0);
   EXPECT_EQ(platform.modificationDate(at("data")).value(), (ModificationDate{{1700000000, 123456789}, std::nullopt}));
+  EXPECT_EQ(platform.modificationDate(at("link")).value(),
+            (ModificationDate{{1600000000, 1}, FileTime{1700000000, 123456789}}));
 }
 
 // Readers see one whole version or the other while a writer alternates them.

@@ -48,9 +48,10 @@ FileTime FakePlatform::tick() {
   return FileTime{1795424400 + ticks_, 0};
 }
 
-void FakePlatform::putFile(const std::string& path, std::string content, FileTime modified) {
+void FakePlatform::putFile(const std::string& path, std::string content, FileTime modified,
+                           std::optional<FileTime> linkTarget) {
   std::lock_guard lock(mutex_);
-  files_[path] = File{std::move(content), modified};
+  files_[path] = File{std::move(content), modified, linkTarget};
 }
 
 std::optional<FakePlatform::File> FakePlatform::file(const std::string& path) const {
@@ -92,7 +93,7 @@ Result<ModificationDate> FakePlatform::modificationDate(const std::string& path)
   auto it = files_.find(path);
   if (it == files_.end())
     return Error{"The file \"" + std::string(paths::lastComponent(path)) + "\" doesn't exist."};
-  return ModificationDate{it->second.modified, std::nullopt};
+  return ModificationDate{it->second.modified, it->second.linkTarget};
 }
 
 Result<std::string> FakePlatform::readFile(const std::string& path) {
@@ -109,7 +110,7 @@ Status FakePlatform::writeFileAtomically(const std::string& path, std::string_vi
   std::lock_guard lock(mutex_);
   if (failWrites) return Error{*failWrites};
   if (directories.count(paths::parent(path)) == 0) return Error{"No such file or directory"};
-  files_[path] = File{std::string(bytes), tick()};
+  files_[path] = File{std::string(bytes), tick(), std::nullopt};
   events_.push_back("write " + path);
   return success();
 }

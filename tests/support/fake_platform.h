@@ -18,6 +18,7 @@ class FakePlatform : public Platform {
   struct File {
     std::string content;
     FileTime modified;
+    std::optional<FileTime> linkTarget;  // set for a symbolic link: its target's date
   };
   struct Launch {
     std::string bundlePath;
@@ -49,7 +50,8 @@ class FakePlatform : public Platform {
   std::optional<std::string> failLaunch;
 
   // --- In-memory files ---------------------------------------------------
-  void putFile(const std::string& path, std::string content, FileTime modified);
+  void putFile(const std::string& path, std::string content, FileTime modified,
+               std::optional<FileTime> linkTarget = {});
   std::optional<File> file(const std::string& path) const;
   void removeFile(const std::string& path);
   std::vector<std::string> filesUnder(const std::string& directory) const;
