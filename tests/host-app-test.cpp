@@ -54,7 +54,8 @@ std::string writeImage(const TempDir& dir, const std::string& name, int width, i
 // One second of a 440 Hz tone, 8 kHz mono, made by ffmpeg.
 std::string writeWav(const TempDir& dir, const std::string& name) {
   const std::string path = dir.file(name);
-  testing::runProgram("/usr/bin/ffmpeg", {"-v", "error", "-f", "lavfi", "-i", "sine=440:duration=1:sample_rate=8000", path});
+  testing::runProgram("/usr/bin/ffmpeg",
+                      {"-v", "error", "-f", "lavfi", "-i", "sine=440:duration=1:sample_rate=8000", path});
   return path;
 }
 
@@ -83,7 +84,8 @@ void expectWebp(const std::string& path, int width, int height) {
 
 std::size_t filesEndingIn(const std::string& directory, const std::string& ending) {
   std::size_t count = 0;
-  for (const auto& entry : fs::directory_iterator(directory)) count += entry.path().filename().string().ends_with(ending);
+  for (const auto& entry : fs::directory_iterator(directory))
+    count += entry.path().filename().string().ends_with(ending);
   return count;
 }
 

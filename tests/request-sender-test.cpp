@@ -38,8 +38,9 @@ TEST(RequestSender, WritesNotifiesThenOpensTheHostApp) {
   ASSERT_EQ(written.size(), 1u);
   const std::string name(paths::lastComponent(written[0]));
   EXPECT_EQ(FinderConversionRequest::decode(fake.file(written[0])->content).value(), kThreeFiles);
-  EXPECT_EQ(effects(fake), (Lines{"write " + written[0], "log Wrote request " + name + ": 3 file(s) \xE2\x86\x92 png",
-                                  "notify " + std::string(ids::kRequestNotificationName), kOpenHostApp, "launch 00"}));
+  EXPECT_EQ(effects(fake),
+            (Lines{"write " + written[0], "log Wrote request " + name + ": 3 file(s) \xE2\x86\x92 png",
+                   "notify " + std::string(ids::kRequestNotificationName), kOpenHostApp, "launch 00"}));
   EXPECT_EQ(testing::logLines(fake).at(0), "[INFO] Wrote request " + name + ": 3 file(s) \xE2\x86\x92 png");
 }
 
