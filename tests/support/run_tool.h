@@ -11,8 +11,7 @@ namespace palvin::testing {
 
 struct ToolRun {
   int exitCode = -1;
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
 // Runs `program` with `args` and empty standard input. `env` changes the
