@@ -13,8 +13,6 @@ can be linked here, so the link, copy and signing commands are read instead.
   plan         the commands that link, place and sign the bundles, the
                configure-time refusals, and scripts/macos-build.sh
 
-tests/apple_slips.py plants mistakes to show that each check catches them.
-
 Usage: check-apple-build.py COMMAND SOURCE_DIR WORK_DIR [ARCH]
 Exits 77 (CTest's "skipped") when a tool the checks need is missing.
 """

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """The generated bundle declarations and entitlements of the extension and
-the host app: well-formed XML property lists that name the build's
-identifiers and deployment target, the exact NSExtension keys, entitlements
-with and without the keys only a provisioning profile can back, and
-localisations that all translate exactly en's keys.
+the host app, read as the system reads them: strict XML property lists with
+nothing left unsubstituted and no key twice, the keys the system looks up
+naming this build's identifiers, and entitlements that share the app group.
+The localisations all translate exactly en's keys.
 
 Arguments: generated-dir source-dir version deployment-target team-id app-group
            extension-bundle-id extension-application-id host-bundle-id host-application-id
@@ -42,42 +42,32 @@ def load(name):
     return plist
 
 
-def same(actual, expected, what):
+def holds(plist, wanted, what):
     # JSON tells <true/> from <integer>1</integer>.
-    check(json.dumps(actual, sort_keys=True) == json.dumps(expected, sort_keys=True),
-          f"{what}: {actual}, not {expected}")
+    got = {key: plist.get(key) for key in wanted}
+    check(json.dumps(got, sort_keys=True) == json.dumps(wanted, sort_keys=True), f"{what}: {got}, not {wanted}")
 
-
-common = {"CFBundleInfoDictionaryVersion": "6.0", "CFBundleShortVersionString": version, "CFBundleVersion": version,
-          "LSMinimumSystemVersion": deployment_target, "CFBundleDevelopmentRegion": "en",
-          "CFBundleSupportedPlatforms": ["MacOSX"]}
-bundles = {
-    "PalvinFinder": ({"CFBundleIdentifier": extension_id, "CFBundleExecutable": "PalvinFinder",
-                      "CFBundleName": "PalvinFinder", "CFBundleDisplayName": "PalvinFinder",
-                      "CFBundlePackageType": "XPC!"},
-                     {"com.apple.application-identifier": extension_app_id,
-                      "com.apple.developer.team-identifier": team_id, "com.apple.security.app-sandbox": True,
-                      "com.apple.security.application-groups": [app_group],
-                      "com.apple.security.files.user-selected.read-only": True}),
-    # Not sandboxed: it reads and writes wherever the picked files are.
-    "PalvinHost": ({"CFBundleIdentifier": host_id, "CFBundleExecutable": "PalvinHost", "CFBundleName": "PalvinHost",
-                    "CFBundleDisplayName": "PalvinHost", "CFBundlePackageType": "APPL", "LSUIElement": True,
-                    "NSPrincipalClass": "NSApplication"},
-                   {"com.apple.application-identifier": host_app_id, "com.apple.developer.team-identifier": team_id,
-                    "com.apple.security.application-groups": [app_group]}),
-}
-for name, (declarations, entitlements) in bundles.items():
-    info = load(f"{name}-Info.plist")
-    for key, value in {**common, **declarations}.items():
-        same(info.get(key), value, f"{name} Info.plist {key}")
-    same(load(f"{name}.entitlements"), entitlements, f"{name} entitlements")
-    same(load(f"{name}-noprofile.entitlements"),
-         {key: value for key, value in entitlements.items() if key not in PROFILE_ONLY},
-         f"{name} entitlements without a profile")
 
 check(extension_id.startswith(host_id + "."), f"the extension's identifier {extension_id} does not extend {host_id}")
-check(extension_app_id == f"{team_id}.{extension_id}" and host_app_id == f"{team_id}.{host_id}",
-      f"application identifiers {extension_app_id}, {host_app_id}")
+# The extension runs sandboxed or not at all; the host app reads and writes
+# wherever the picked files are.
+for name, bundle_id, app_id, info_keys, own_entitlements in (
+        ("PalvinFinder", extension_id, extension_app_id, {"CFBundlePackageType": "XPC!"},
+         {"com.apple.security.app-sandbox": True}),
+        ("PalvinHost", host_id, host_app_id, {"CFBundlePackageType": "APPL", "NSPrincipalClass": "NSApplication"},
+         {})):
+    holds(load(f"{name}-Info.plist"), {"CFBundleIdentifier": bundle_id, "CFBundleExecutable": name,
+                                       "CFBundleVersion": version, "LSMinimumSystemVersion": deployment_target,
+                                       **info_keys}, f"{name} Info.plist")
+    check(app_id == f"{team_id}.{bundle_id}", f"{name}'s application identifier {app_id}")
+    entitlements = load(f"{name}.entitlements")
+    holds(entitlements, {"com.apple.application-identifier": app_id, "com.apple.developer.team-identifier": team_id,
+                         "com.apple.security.application-groups": [app_group], **own_entitlements},
+          f"{name} entitlements")
+    holds(load(f"{name}-noprofile.entitlements"),
+          {key: value for key, value in entitlements.items() if key not in PROFILE_ONLY} | dict.fromkeys(PROFILE_ONLY),
+          f"{name} entitlements without a profile")
+
 extension = load("PalvinFinder-Info.plist").get("NSExtension", {})
 check(sorted(extension) == ["NSExtensionAttributes", "NSExtensionPointIdentifier", "NSExtensionPrincipalClass"],
       f"NSExtension has the keys {sorted(extension)}")

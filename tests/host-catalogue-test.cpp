@@ -1,4 +1,4 @@
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <random>
@@ -50,10 +50,7 @@ TEST(HostCatalogue, ExactlyWhatImageIOReadsAndWrites) {
   EXPECT_EQ(catalogue.typeByFormatId.at("jpeg"), "public.jpeg");
   EXPECT_EQ(catalogue.typeByFormatId.count("png2"), 0u);
 
-  // A valid document, the same whatever order ImageIO lists the types in.
-  auto decoded = FinderCapabilities::decode(c.encode(true));
-  ASSERT_TRUE(decoded.ok()) << decoded.error();
-  EXPECT_EQ(*decoded, c);
+  // The same document whatever order ImageIO lists the types in.
   auto shuffled = someTypes();
   std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
   EXPECT_EQ(buildImageCatalogue(shuffled, c.generatedAt).capabilities.encode(true), c.encode(true));
@@ -104,15 +101,6 @@ TEST(HostOutput, BesideTheSourceNeverReplacing) {
   EXPECT_EQ(readText(dir / "photo.heic"), "older");
   EXPECT_EQ(readText(dir / "photo 2.heic"), "older 2");
   EXPECT_FALSE(publishOutput(dir / "missing.tmp", dir / "no-such-dir", "x", "png").ok());
-
-  ::mkfifo((dir / "fifo").c_str(), 0600);
-  struct Case {
-    std::string path;
-    bool refused;
-  };
-  const Case cases[] = {{dir / "photo.heic", false}, {"relative.png", true}, {dir.path(), true},
-                        {dir / "fifo", true},        {dir / "gone.png", true}, {std::string("/a\0b", 4), true}};
-  for (const auto& c : cases) EXPECT_EQ(refuseSource(c.path).has_value(), c.refused) << c.path;
   EXPECT_EQ(stemOf("photo.tar.gz"), "photo.tar");
   EXPECT_EQ(stemOf(".png"), ".png");
   EXPECT_EQ(stemOf("README"), "README");

@@ -4,11 +4,10 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "catalogue/capabilities.h"
+#include "support/temp_dir.h"
 
 namespace palvin {
 namespace {
@@ -26,8 +25,7 @@ TEST(JsonTestSuite, SyntaxStageAgreesWithTheSuite) {
   int files = 0;
   for (const auto& entry : fs::directory_iterator(dir)) {
     const std::string name = entry.path().filename().string();
-    std::ifstream in(entry.path(), std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    const std::string text = testing::readText(entry.path());
     const std::string error = errorOf(text);
     const bool syntax = error.rfind("invalid JSON: ", 0) == 0;
     ++files;

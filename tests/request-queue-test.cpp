@@ -106,12 +106,6 @@ TEST(RequestQueue, ConvertsInParallelRecoversReleasedClaimsAndResumesStoppedRequ
   EXPECT_TRUE(std::filesystem::is_empty(dir.file("requests/processing")));
 }
 
-}  // namespace
-}  // namespace palvin
-
-namespace palvin {
-namespace {
-
 // The result document's decoder: as strict as the request's, with the status rules.
 TEST(ConversionResult, DecodesOnlyWhatItsEncoderCouldHaveWritten) {
   const FinderConversionResult mixed{"webp", {{"/a/x.png", Status::converted, "/a/x.webp", ""},
@@ -122,8 +116,6 @@ TEST(ConversionResult, DecodesOnlyWhatItsEncoderCouldHaveWritten) {
   for (const auto& [document, error] : std::vector<std::pair<std::string, std::string>>{
            {R"({"files":[],"x":1,"targetFormatId":"mp3"})", ""},
            {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"pending","error":7}]})", ""},
-           {R"({"files":[]})", "targetFormatId: missing"},
-           {R"({"targetFormatId":"a","files":{}})", "files: expected array, found object"},
            {R"({"targetFormatId":"a","files":[{"status":"pending"}]})", "files[0].path: missing"},
            {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"done"}]})", "files[0].status: expected \"pending\", \"converted\" or \"failed\""},
            {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"converted"}]})", "files[0].outputPath: missing"},

@@ -43,18 +43,15 @@ class FakeWritableFile : public WritableFile {
   std::size_t position_ = 0;
 };
 
-FakePlatform::FakePlatform() {
-  directories.insert("/container");
-}
-
 FileTime FakePlatform::tick() {
   ++ticks_;
   return FileTime{1795424400 + ticks_, 0};
 }
 
-void FakePlatform::putFile(const std::string& path, std::string content, FileTime modified) {
+void FakePlatform::putFile(const std::string& path, std::string content, FileTime modified,
+                           std::optional<FileTime> linkTarget) {
   std::lock_guard lock(mutex_);
-  files_[path] = File{std::move(content), modified};
+  files_[path] = File{std::move(content), modified, linkTarget};
 }
 
 std::optional<FakePlatform::File> FakePlatform::file(const std::string& path) const {
@@ -83,21 +80,6 @@ void FakePlatform::simulateVolumeChange() {
   for (const auto& [observation, handler] : locked(volumeHandlers_)) handler();
 }
 
-std::chrono::system_clock::time_point FakePlatform::now() {
-  std::lock_guard lock(mutex_);
-  return clock;
-}
-
-std::optional<std::string> FakePlatform::containerPath(std::string_view) {
-  std::lock_guard lock(mutex_);
-  return container;
-}
-
-bool FakePlatform::unifiedLogEnabled(UnifiedLogType type) {
-  std::lock_guard lock(mutex_);
-  return enabledTypes.count(type) != 0;
-}
-
 void FakePlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
   std::lock_guard lock(mutex_);
   unified_.push_back({type, std::string(message)});
@@ -111,7 +93,7 @@ Result<ModificationDate> FakePlatform::modificationDate(const std::string& path)
   auto it = files_.find(path);
   if (it == files_.end())
     return Error{"The file \"" + std::string(paths::lastComponent(path)) + "\" doesn't exist."};
-  return ModificationDate{it->second.modified, std::nullopt};
+  return ModificationDate{it->second.modified, it->second.linkTarget};
 }
 
 Result<std::string> FakePlatform::readFile(const std::string& path) {
@@ -128,7 +110,7 @@ Status FakePlatform::writeFileAtomically(const std::string& path, std::string_vi
   std::lock_guard lock(mutex_);
   if (failWrites) return Error{*failWrites};
   if (directories.count(paths::parent(path)) == 0) return Error{"No such file or directory"};
-  files_[path] = File{std::string(bytes), tick()};
+  files_[path] = File{std::string(bytes), tick(), std::nullopt};
   events_.push_back("write " + path);
   return success();
 }
@@ -143,7 +125,6 @@ Status FakePlatform::createDirectories(const std::string& path) {
 Result<std::unique_ptr<WritableFile>> FakePlatform::openForWriting(const std::string& path) {
   {
     std::lock_guard lock(mutex_);
-    if (failOpenForWriting) return Error{*failOpenForWriting};
     if (files_.count(path) == 0) return Error{"No such file or directory"};
   }
   return std::unique_ptr<WritableFile>(std::make_unique<FakeWritableFile>(*this, path));
@@ -151,13 +132,7 @@ Result<std::unique_ptr<WritableFile>> FakePlatform::openForWriting(const std::st
 
 void FakePlatform::postNotification(std::string_view name) {
   std::lock_guard lock(mutex_);
-  notifications_.emplace_back(name);
   events_.push_back("notify " + std::string(name));
-}
-
-std::string FakePlatform::bundlePath() {
-  std::lock_guard lock(mutex_);
-  return bundle;
 }
 
 void FakePlatform::openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
@@ -172,20 +147,10 @@ void FakePlatform::openApplication(const std::string& bundlePath, const OpenConf
   completion(error);
 }
 
-std::optional<std::vector<std::string>> FakePlatform::selectedItemPaths() {
-  std::lock_guard lock(mutex_);
-  return selection;
-}
-
 std::optional<bool> FakePlatform::isDirectory(const std::string& path) {
   std::lock_guard lock(mutex_);
   if (unknownDirectoryness.count(path) != 0) return std::nullopt;
   return directories.count(path) != 0;
-}
-
-std::optional<std::vector<std::string>> FakePlatform::mountedVolumePaths() {
-  std::lock_guard lock(mutex_);
-  return volumes;
 }
 
 void FakePlatform::setMonitoredDirectories(const std::vector<std::string>& paths) {
@@ -211,11 +176,6 @@ std::optional<std::string> FakePlatform::userDefaultString(std::string_view key)
   auto it = defaults.find(std::string(key));
   if (it == defaults.end()) return std::nullopt;
   return it->second;
-}
-
-bool FakePlatform::hasSymbolImage(std::string_view name) {
-  std::lock_guard lock(mutex_);
-  return symbols.count(std::string(name)) != 0;
 }
 
 std::string FakePlatform::localizedString(std::string_view key) {

@@ -18,6 +18,7 @@ class FakePlatform : public Platform {
   struct File {
     std::string content;
     FileTime modified;
+    std::optional<FileTime> linkTarget;  // set for a symbolic link: its target's date
   };
   struct Launch {
     std::string bundlePath;
@@ -29,13 +30,11 @@ class FakePlatform : public Platform {
     bool operator==(const UnifiedEntry&) const = default;
   };
 
-  FakePlatform();
-
   // --- Set-up ------------------------------------------------------------
   std::optional<std::string> container = "/container";
   std::string bundle = "/Applications/Palvin.app/Contents/PlugIns/PalvinFinder.appex";
   std::optional<std::vector<std::string>> selection;
-  std::set<std::string> directories;           // paths that are directories (also for isDirectory)
+  std::set<std::string> directories = {"/container"};  // paths that are directories
   std::set<std::string> unknownDirectoryness;  // paths whose directory lookup fails
   std::optional<std::vector<std::string>> volumes = std::vector<std::string>{};
   std::map<std::string, std::string> defaults;
@@ -47,18 +46,17 @@ class FakePlatform : public Platform {
   // Failure switches: when set, the operation fails with this description.
   std::optional<std::string> failWrites;
   std::optional<std::string> failCreateDirectories;
-  std::optional<std::string> failOpenForWriting;
   std::optional<std::string> failReads;
   std::optional<std::string> failLaunch;
 
   // --- In-memory files ---------------------------------------------------
-  void putFile(const std::string& path, std::string content, FileTime modified);
+  void putFile(const std::string& path, std::string content, FileTime modified,
+               std::optional<FileTime> linkTarget = {});
   std::optional<File> file(const std::string& path) const;
   void removeFile(const std::string& path);
   std::vector<std::string> filesUnder(const std::string& directory) const;
 
   // --- What happened -----------------------------------------------------
-  std::vector<std::string> notifications() const { return locked(notifications_); }
   std::vector<Launch> launches() const { return locked(launches_); }
   std::vector<std::vector<std::string>> monitoredHistory() const { return locked(monitored_); }
   std::vector<UnifiedEntry> unifiedEntries() const { return locked(unified_); }
@@ -72,9 +70,9 @@ class FakePlatform : public Platform {
   std::size_t volumeObservers() const { return locked(volumeHandlers_).size(); }
 
   // --- Platform ----------------------------------------------------------
-  std::chrono::system_clock::time_point now() override;
-  std::optional<std::string> containerPath(std::string_view appGroupIdentifier) override;
-  bool unifiedLogEnabled(UnifiedLogType type) override;
+  std::chrono::system_clock::time_point now() override { return locked(clock); }
+  std::optional<std::string> containerPath(std::string_view) override { return locked(container); }
+  bool unifiedLogEnabled(UnifiedLogType type) override { return locked(enabledTypes).contains(type); }
   void unifiedLog(UnifiedLogType type, std::string_view message) override;
   std::shared_ptr<const TextRules> textRules() override;
   Result<ModificationDate> modificationDate(const std::string& path) override;
@@ -83,17 +81,17 @@ class FakePlatform : public Platform {
   Status createDirectories(const std::string& path) override;
   Result<std::unique_ptr<WritableFile>> openForWriting(const std::string& path) override;
   void postNotification(std::string_view name) override;
-  std::string bundlePath() override;
+  std::string bundlePath() override { return locked(bundle); }
   void openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
                        LaunchCompletion completion) override;
-  std::optional<std::vector<std::string>> selectedItemPaths() override;
+  std::optional<std::vector<std::string>> selectedItemPaths() override { return locked(selection); }
   std::optional<bool> isDirectory(const std::string& path) override;
-  std::optional<std::vector<std::string>> mountedVolumePaths() override;
+  std::optional<std::vector<std::string>> mountedVolumePaths() override { return locked(volumes); }
   void setMonitoredDirectories(const std::vector<std::string>& paths) override;
   VolumeObservation observeVolumeChanges(std::function<void()> handler) override;
   void stopObservingVolumeChanges(VolumeObservation observation) override;
   std::optional<std::string> userDefaultString(std::string_view key) override;
-  bool hasSymbolImage(std::string_view name) override;
+  bool hasSymbolImage(std::string_view name) override { return locked(symbols).contains(std::string(name)); }
   std::string localizedString(std::string_view key) override;
 
  private:
@@ -108,7 +106,6 @@ class FakePlatform : public Platform {
 
   mutable std::mutex mutex_;
   std::map<std::string, File> files_;
-  std::vector<std::string> notifications_;
   std::vector<Launch> launches_;
   std::vector<std::vector<std::string>> monitored_;
   std::vector<UnifiedEntry> unified_;
