@@ -74,7 +74,7 @@ TEST(ToolMenuAndExplain, ExitCodesAndMessages) {
   for (const auto& [args, language, exitCode, expected] : std::vector<std::tuple<Lines, std::string, int, Lines>>{
            {{"explain", "--capabilities", kExample, "a.png", "b.zip"}, "", 0, {"extension \"zip\" is not a key of extensionToFormatId", "No Convert menu"}},
            {{"explain", "--capabilities", kExample, "a.wav"}, "", 0, {"offered nowhere, category not listed in categories: ogg (category sound)", "MP3"}},
-           {{"explain", "--capabilities", kExample, "a.png", "b.pdf"}, "", 0, {"removed as the selection's own formats: png", "no source category"}},
+           {{"explain", "--capabilities", kExample, "a.png", "c.jpg", "b.pdf"}, "", 0, {"removed as the selection's own formats: png", "formats span 2 categories"}},
            {{"explain", "--capabilities", kExample, "a.png", "b.tga"}, "", 0, {"dropped, not listed in formats: (none)", "source category: image"}},
            {{"explain", "--capabilities", upper, "a.png"}, "", 0, {"the document has the key \"PNG\""}},
            {{"explain", "--capabilities", dir.file("absent.json"), "a.png"}, "", 2, {}},
