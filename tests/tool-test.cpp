@@ -16,8 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono;
-using testing::readText;
-using testing::TempDir;
+using testing::readText, testing::TempDir;
 using Args = std::vector<std::string>;
 using Request = FinderConversionRequest;
 
@@ -88,6 +87,8 @@ TEST(Tool, EveryCommandPrintsExactlyThisAndExits) {
       {{"plan", "--capabilities", missing, "a.png"}, {}, 2, "", "Failed to decode capabilities: " + missing + ": No such file or directory\n"},
       {{"explain", "--capabilities", upper, "a.png", "b.zip"}, {}, 0, "Files\n  a.png\n    extension \"png\" is not a key of extensionToFormatId; the document has the key \"PNG\", but keys match exactly and extensions are lower-cased\n"
        "\nNo Convert menu: one unrecognised file withholds the menu from the whole selection.\n", ""},
+      {{"explain", "--capabilities", kExample, "a.png", "c.jpg", "b.pdf"}, {}, 0, "Files\n  a.png\n    extension \"png\" → source format png (category image)\n    converts to: jpeg, webp, pdf, heic, png\n  c.jpg\n    extension \"jpg\" → source format jpeg (category image)\n    converts to: png, webp, pdf, tiff\n  b.pdf\n    extension \"pdf\" → source format pdf (category document)\n    converts to: png, jpeg, txt\n"
+       "Targets\n  common to every file: png\n  removed as the selection's own formats: png\n  dropped, not listed in formats: (none)\nCategories\n  no source category: the files' formats span 2 categories, so every target is nested\n  offered nowhere, category not listed in categories: (none)\n\nNo Convert menu: no target is left to offer.\n", ""},
       {{"check", v2}, {}, 1, "error: schemaVersion: schema version 2 is not supported; the extension only reads version 1\n" + v2 + ": not usable, 0 warning(s)\n", ""},
       {{"frobnicate"}, {}, 2, "", "palvin-finder: unknown command 'frobnicate'\n" + usage},
       {{"plan", "a.png"}, {}, 2, "", "palvin-finder: --capabilities is required\n" + usage},

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
 #include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
@@ -16,13 +15,6 @@ namespace {
 
 using Category = FinderCapabilities::Category;
 using Format = FinderCapabilities::Format;
-
-// The category index and the category position, kept in one map: both are
-// keyed by category id and both take the first entry of a repeated id.
-struct CategoryEntry {
-  const Category* category;
-  std::size_t position;
-};
 
 // Keys are views into the catalogue, which outlives the call, so no id is
 // copied until it goes into the plan.
@@ -42,32 +34,26 @@ std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats, const
   return items;
 }
 
-// With `Inputs` an rvalue the paths move into the plan: a menu for ten
+// With `Inputs` an rvalue the paths move into the files: a menu for ten
 // thousand files then copies none of them.
 template <class Inputs>
-std::optional<Plan> planFor(const FinderCapabilities& capabilities, Inputs&& inputs, const TextRules& text) {
+std::optional<SourceFormats> sourceFormatsOf(const FinderCapabilities& capabilities, Inputs&& inputs) {
   constexpr bool kMovePaths = !std::is_const_v<std::remove_reference_t<Inputs>> && std::is_rvalue_reference_v<Inputs&&>;
-  if (inputs.empty()) return std::nullopt;
-  const auto& extensionToFormatId = capabilities.extensionToFormatId;
-
-  // Source formats. A selection repeats few extensions, so the distinct source
-  // ids are collected once each; intersecting a set with itself changes
-  // nothing, so the common targets need only these.
-  Plan result;
+  // A selection repeats few extensions: a run of one extension is looked up
+  // once, and each mapping is checked for a new id once.
+  SourceFormats result;
   result.files.reserve(inputs.size());
-  std::vector<const std::string*> sourceIds;
   std::unordered_set<const std::string*> seenMappings;
   IdSet seenSourceIds;
   const std::string* previousExt = nullptr;
   const std::string* sourceId = nullptr;
   for (auto& input : inputs) {
     if (previousExt == nullptr || input.ext != *previousExt) {
-      const auto found = extensionToFormatId.find(input.ext);
-      if (found == extensionToFormatId.end()) return std::nullopt;
+      sourceId = sourceFormatId(capabilities, input.ext);
+      if (sourceId == nullptr) return std::nullopt;
       previousExt = &input.ext;
-      sourceId = &found->second;
       if (seenMappings.insert(sourceId).second && seenSourceIds.insert(*sourceId).second) {
-        sourceIds.push_back(sourceId);
+        result.ids.push_back(sourceId);
       }
     }
     if constexpr (kMovePaths) {
@@ -76,100 +62,167 @@ std::optional<Plan> planFor(const FinderCapabilities& capabilities, Inputs&& inp
       result.files.push_back(FinderFileRef{input.path, *sourceId});
     }
   }
-
-  // Common targets: the intersection of every source's conversions, without
-  // any of the selection's own formats.
-  IdSet common;
-  bool firstSource = true;
-  for (const std::string* source : sourceIds) {
-    const auto found = capabilities.conversions.find(*source);
-    if (found == capabilities.conversions.end()) return std::nullopt;
-    const std::vector<std::string>& targets = found->second;
-    if (firstSource) {
-      common.reserve(targets.size());
-      common.insert(targets.begin(), targets.end());
-      firstSource = false;
-    } else {
-      IdSet kept;
-      kept.reserve(std::min(targets.size(), common.size()));
-      for (const std::string& target : targets) {
-        if (common.count(target) != 0) kept.insert(target);
-      }
-      common = std::move(kept);
-    }
-    if (common.empty()) return std::nullopt;
-  }
-  for (const std::string* source : sourceIds) common.erase(*source);
-  if (common.empty()) return std::nullopt;
-
-  // Catalogue indexes; emplace keeps the first entry of a repeated id.
-  std::unordered_map<std::string_view, const Format*> formatIndex;
-  formatIndex.reserve(capabilities.formats.size());
-  for (const Format& format : capabilities.formats) formatIndex.emplace(format.id, &format);
-  std::unordered_map<std::string_view, CategoryEntry> categoryIndex;
-  categoryIndex.reserve(capabilities.categories.size());
-  for (std::size_t position = 0; position < capabilities.categories.size(); ++position) {
-    const Category& category = capabilities.categories[position];
-    categoryIndex.emplace(category.id, CategoryEntry{&category, position});
-  }
-
-  // Source category: the one category that all listed source formats share.
-  std::optional<std::string_view> sourceCategory;
-  bool severalSourceCategories = false;
-  for (const std::string* source : sourceIds) {
-    const auto found = formatIndex.find(*source);
-    if (found == formatIndex.end()) continue;
-    const std::string& category = found->second->category;
-    if (!sourceCategory) {
-      sourceCategory = category;
-    } else if (*sourceCategory != category) {
-      severalSourceCategories = true;
-    }
-  }
-  if (severalSourceCategories) sourceCategory.reset();
-
-  // Targets by category; ids that the catalogue does not list are dropped.
-  std::unordered_map<std::string_view, std::vector<const Format*>> targetsByCategory;
-  for (std::string_view target : common) {
-    const auto found = formatIndex.find(target);
-    if (found == formatIndex.end()) continue;
-    targetsByCategory[found->second->category].push_back(found->second);
-  }
-
-  if (sourceCategory) {
-    const auto found = targetsByCategory.find(*sourceCategory);
-    if (found != targetsByCategory.end()) result.inlineTargets = sortedTargets(found->second, text);
-  }
-
-  // Nested categories in catalogue order. Categories the catalogue does not
-  // list would sort last and then be skipped, so they are left out at once;
-  // their lists are never sorted.
-  struct Nested {
-    const CategoryEntry* entry;
-    std::vector<const Format*>* formats;
-  };
-  std::vector<Nested> nested;
-  nested.reserve(targetsByCategory.size());
-  for (auto& [categoryId, formats] : targetsByCategory) {
-    if (sourceCategory && categoryId == *sourceCategory) continue;
-    const auto found = categoryIndex.find(categoryId);
-    if (found == categoryIndex.end()) continue;
-    nested.push_back(Nested{&found->second, &formats});
-  }
-  std::sort(nested.begin(), nested.end(),
-            [](const Nested& a, const Nested& b) { return a.entry->position < b.entry->position; });
-  result.groups.reserve(nested.size());
-  for (const Nested& group : nested) {
-    const Category& category = *group.entry->category;
-    result.groups.push_back(
-        CategoryGroup{category.id, category.label, category.icon, sortedTargets(*group.formats, text)});
-  }
-
-  if (result.inlineTargets.empty() && result.groups.empty()) return std::nullopt;
   return result;
 }
 
+template <class Inputs>
+std::optional<Plan> planFor(const FinderCapabilities& capabilities, Inputs&& inputs, const TextRules& text) {
+  if (inputs.empty()) return std::nullopt;
+  std::optional<SourceFormats> sources = sourceFormats(capabilities, std::forward<Inputs>(inputs));
+  if (!sources) return std::nullopt;
+  std::vector<std::string_view> targets = commonTargets(capabilities, sources->ids);
+  dropSourceFormats(targets, sources->ids);
+  if (targets.empty()) return std::nullopt;
+  // Built only once there is something to offer, since they cover the whole catalogue.
+  const CatalogueIndex index = indexCatalogue(capabilities);
+  Grouping grouping = group(targets, sourceCategory(index, sources->ids).id, index, text);
+  if (grouping.inlineTargets.empty() && grouping.groups.empty()) return std::nullopt;
+  return Plan{std::move(sources->files), std::move(grouping.inlineTargets), std::move(grouping.groups)};
+}
+
 }  // namespace
+
+const std::string* sourceFormatId(const FinderCapabilities& capabilities, const std::string& ext) {
+  const auto found = capabilities.extensionToFormatId.find(ext);
+  return found == capabilities.extensionToFormatId.end() ? nullptr : &found->second;
+}
+
+std::optional<SourceFormats> sourceFormats(const FinderCapabilities& capabilities,
+                                           const std::vector<FileInput>& inputs) {
+  return sourceFormatsOf(capabilities, inputs);
+}
+
+std::optional<SourceFormats> sourceFormats(const FinderCapabilities& capabilities,
+                                           std::vector<FileInput>&& inputs) {
+  return sourceFormatsOf(capabilities, std::move(inputs));
+}
+
+std::vector<std::string_view> commonTargets(const FinderCapabilities& capabilities,
+                                            const std::vector<const std::string*>& sourceIds) {
+  std::vector<std::string_view> common;
+  bool firstSource = true;
+  for (const std::string* source : sourceIds) {
+    const auto found = capabilities.conversions.find(*source);
+    if (found == capabilities.conversions.end()) return {};
+    const std::vector<std::string>& targets = found->second;
+    if (firstSource) {
+      // A list may repeat an id; it counts once.
+      IdSet seen;
+      seen.reserve(targets.size());
+      common.reserve(targets.size());
+      for (const std::string& target : targets) {
+        if (seen.insert(target).second) common.push_back(target);
+      }
+      firstSource = false;
+    } else {
+      const IdSet offered(targets.begin(), targets.end());
+      std::erase_if(common, [&offered](std::string_view id) { return offered.count(id) == 0; });
+    }
+    if (common.empty()) break;
+  }
+  return common;
+}
+
+std::vector<std::string_view> dropSourceFormats(std::vector<std::string_view>& targets,
+                                                const std::vector<const std::string*>& sourceIds) {
+  std::vector<std::string_view> removed;
+  auto kept = targets.begin();
+  for (std::string_view target : targets) {
+    const bool own = std::any_of(sourceIds.begin(), sourceIds.end(),
+                                 [target](const std::string* id) { return *id == target; });
+    if (own) {
+      removed.push_back(target);
+    } else {
+      *kept++ = target;
+    }
+  }
+  targets.erase(kept, targets.end());
+  return removed;
+}
+
+CatalogueIndex indexCatalogue(const FinderCapabilities& capabilities) {
+  // emplace keeps the first entry of a repeated id.
+  CatalogueIndex index;
+  index.formats.reserve(capabilities.formats.size());
+  for (const Format& format : capabilities.formats) index.formats.emplace(format.id, &format);
+  index.categories.reserve(capabilities.categories.size());
+  for (std::size_t position = 0; position < capabilities.categories.size(); ++position) {
+    const Category& category = capabilities.categories[position];
+    index.categories.emplace(category.id, CatalogueIndex::CategoryEntry{&category, position});
+  }
+  return index;
+}
+
+SourceCategory sourceCategory(const CatalogueIndex& index, const std::vector<const std::string*>& sourceIds) {
+  // Source formats that formats does not list have no say.
+  SourceCategory result;
+  IdSet others;
+  for (const std::string* source : sourceIds) {
+    const auto found = index.formats.find(*source);
+    if (found == index.formats.end()) continue;
+    const std::string& category = found->second->category;
+    if (!result.id) {
+      result.id = category;
+    } else if (*result.id != category) {
+      others.insert(category);
+    }
+  }
+  result.categoryCount = result.id ? 1 + others.size() : 0;
+  if (!others.empty()) result.id.reset();
+  return result;
+}
+
+Grouping group(const std::vector<std::string_view>& targets, std::optional<std::string_view> sourceCategory,
+               const CatalogueIndex& index, const TextRules& text) {
+  // One slot per other category met; `entry` is null for a category the
+  // catalogue does not list, whose targets are then offered nowhere.
+  struct Nested {
+    const CatalogueIndex::CategoryEntry* entry = nullptr;
+    std::vector<const Format*> formats;
+  };
+  Grouping result;
+  std::vector<const Format*> inlineFormats;
+  std::unordered_map<std::string_view, Nested> nestedByCategory;
+  for (std::string_view target : targets) {
+    const auto found = index.formats.find(target);
+    if (found == index.formats.end()) {
+      result.unlisted.push_back(target);
+      continue;
+    }
+    const Format* format = found->second;
+    if (sourceCategory && format->category == *sourceCategory) {
+      inlineFormats.push_back(format);
+      continue;
+    }
+    auto [slot, added] = nestedByCategory.try_emplace(format->category);
+    if (added) {
+      const auto category = index.categories.find(format->category);
+      if (category != index.categories.end()) slot->second.entry = &category->second;
+    }
+    if (slot->second.entry == nullptr) {
+      result.offeredNowhere.push_back(format);
+    } else {
+      slot->second.formats.push_back(format);
+    }
+  }
+  result.inlineTargets = sortedTargets(inlineFormats, text);
+
+  // Groups in catalogue order.
+  std::vector<Nested*> nested;
+  nested.reserve(nestedByCategory.size());
+  for (auto& [categoryId, slot] : nestedByCategory) {
+    if (slot.entry != nullptr) nested.push_back(&slot);
+  }
+  std::sort(nested.begin(), nested.end(),
+            [](const Nested* a, const Nested* b) { return a->entry->position < b->entry->position; });
+  result.groups.reserve(nested.size());
+  for (Nested* slot : nested) {
+    const Category& category = *slot->entry->category;
+    result.groups.push_back(
+        CategoryGroup{category.id, category.label, category.icon, sortedTargets(slot->formats, text)});
+  }
+  return result;
+}
 
 std::optional<Plan> plan(const FinderCapabilities& capabilities, const std::vector<FileInput>& inputs,
                          const TextRules& text) {

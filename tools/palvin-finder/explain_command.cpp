@@ -1,8 +1,8 @@
 // palvin-finder explain: why the plan for a selection is what it is. The
 // answer to "why doesn't my format show up in the menu?".
 #include <iostream>
-#include <unordered_map>
-#include <unordered_set>
+#include <string_view>
+#include <vector>
 
 #include "loading.h"
 #include "platform/platform.h"
@@ -13,33 +13,19 @@
 namespace palvin::tool {
 namespace {
 
-using Format = FinderCapabilities::Format;
-using Category = FinderCapabilities::Category;
-
 std::string jsonQuoted(std::string_view s) {
   std::string out;
   json::appendString(out, json::toValidUtf8(s));
   return out;
 }
 
-std::string joinIds(const std::vector<std::string>& ids) {
+template <class Ids>
+std::string joinIds(const Ids& ids) {
   if (ids.empty()) return "(none)";
   std::string out;
   for (const auto& id : ids) {
     if (!out.empty()) out += ", ";
     out += json::toValidUtf8(id);
-  }
-  return out;
-}
-
-// The list under `sourceId`, duplicates dropped, in document order.
-std::vector<std::string> targetsOf(const FinderCapabilities& catalogue, const std::string& sourceId) {
-  std::vector<std::string> out;
-  auto it = catalogue.conversions.find(sourceId);
-  if (it == catalogue.conversions.end()) return out;
-  std::unordered_set<std::string> seen;
-  for (const auto& id : it->second) {
-    if (seen.insert(id).second) out.push_back(id);
   }
   return out;
 }
@@ -60,96 +46,72 @@ int explain(const std::string& file, const std::vector<std::string>& paths, std:
   auto loaded = loadCatalogue(file);
   if (!loaded) return kExitUsage;
   const FinderCapabilities& catalogue = *loaded;
-  std::unordered_map<std::string_view, const Format*> formats;
-  for (const auto& format : catalogue.formats) formats.try_emplace(format.id, &format);
-  std::unordered_map<std::string_view, const Category*> categories;
-  for (const auto& category : catalogue.categories) categories.try_emplace(category.id, &category);
+  // Every figure below comes from the planner's own steps, so this account and
+  // the menu cannot disagree.
+  const FinderMenuPlanner::CatalogueIndex index = FinderMenuPlanner::indexCatalogue(catalogue);
 
   if (catalogue.schemaVersion != 1) {
     out << style.yellow("note") << ": schemaVersion is " << catalogue.schemaVersion
         << "; the extension ignores this document and offers only \"open to set up\".\n";
   }
   out << style.bold("Files") << '\n';
-  std::vector<std::string> sources;
-  std::optional<std::vector<std::string>> common;
   const auto text = currentPlatform().textRules();
+  std::vector<FinderMenuPlanner::FileInput> inputs;
   for (const auto& path : paths) {
-    auto input = FinderMenuPlanner::fileInputForPath(path, *text);
+    const auto& input = inputs.emplace_back(FinderMenuPlanner::fileInputForPath(path, *text));
     out << "  " << json::toValidUtf8(path) << '\n';
-    auto key = catalogue.extensionToFormatId.find(input.ext);
-    if (key == catalogue.extensionToFormatId.end()) {
+    const std::string* source = FinderMenuPlanner::sourceFormatId(catalogue, input.ext);
+    if (source == nullptr) {
       out << "    extension " << jsonQuoted(input.ext) << " is not a key of extensionToFormatId"
           << missingKeyHint(catalogue, input.ext) << '\n';
       out << '\n'
           << style.red("No Convert menu") << ": one unrecognised file withholds the menu from the whole selection.\n";
       return kExitOk;
     }
-    const std::string& source = key->second;
-    sources.push_back(source);
-    auto format = formats.find(source);
-    out << "    extension " << jsonQuoted(input.ext) << " → source format " << json::toValidUtf8(source);
-    if (format == formats.end()) {
+    auto format = index.formats.find(*source);
+    out << "    extension " << jsonQuoted(input.ext) << " → source format " << json::toValidUtf8(*source);
+    if (format == index.formats.end()) {
       out << " (not listed in formats, so it gives no source category)\n";
     } else {
       out << " (category " << json::toValidUtf8(format->second->category) << ")\n";
     }
-    std::vector<std::string> targets = targetsOf(catalogue, source);
+    // One source's common targets are its own list, each id once.
     out << "    converts to: "
-        << (catalogue.conversions.count(source) ? joinIds(targets) : "(no entry in conversions)") << '\n';
-    if (!common) {
-      common = targets;
-    } else {
-      std::unordered_set<std::string> keep(targets.begin(), targets.end());
-      std::erase_if(*common, [&keep](const std::string& id) { return keep.count(id) == 0; });
-    }
+        << (catalogue.conversions.count(*source)
+                ? joinIds(FinderMenuPlanner::commonTargets(catalogue, {source}))
+                : "(no entry in conversions)")
+        << '\n';
   }
 
+  // Every extension is a key by now.
+  const FinderMenuPlanner::SourceFormats sources = *FinderMenuPlanner::sourceFormats(catalogue, inputs);
+  std::vector<std::string_view> targets = FinderMenuPlanner::commonTargets(catalogue, sources.ids);
   out << style.bold("Targets") << '\n';
-  out << "  common to every file: " << joinIds(*common) << '\n';
-  std::unordered_set<std::string> own(sources.begin(), sources.end());
-  std::vector<std::string> removed;
-  std::erase_if(*common, [&](const std::string& id) {
-    if (own.count(id) == 0) return false;
-    removed.push_back(id);
-    return true;
-  });
+  out << "  common to every file: " << joinIds(targets) << '\n';
+  const std::vector<std::string_view> removed = FinderMenuPlanner::dropSourceFormats(targets, sources.ids);
   out << "  removed as the selection's own formats: " << joinIds(removed) << '\n';
-  std::vector<std::string> unknown;
-  std::erase_if(*common, [&](const std::string& id) {
-    if (formats.count(id) != 0) return false;
-    unknown.push_back(id);
-    return true;
-  });
-  out << "  dropped, not listed in formats: " << joinIds(unknown) << '\n';
+  const FinderMenuPlanner::SourceCategory sourceCategory =
+      FinderMenuPlanner::sourceCategory(index, sources.ids);
+  const FinderMenuPlanner::Grouping grouping =
+      FinderMenuPlanner::group(targets, sourceCategory.id, index, *text);
+  out << "  dropped, not listed in formats: " << joinIds(grouping.unlisted) << '\n';
 
-  std::unordered_set<std::string> sourceCategories;
-  for (const auto& source : sources) {
-    auto format = formats.find(source);
-    if (format != formats.end()) sourceCategories.insert(format->second->category);
-  }
-  std::optional<std::string> sourceCategory;
-  if (sourceCategories.size() == 1) sourceCategory = *sourceCategories.begin();
   out << style.bold("Categories") << '\n';
-  if (sourceCategory) {
-    out << "  source category: " << json::toValidUtf8(*sourceCategory) << " (its targets stand inline)\n";
-  } else if (sourceCategories.empty()) {
+  if (sourceCategory.id) {
+    out << "  source category: " << json::toValidUtf8(*sourceCategory.id) << " (its targets stand inline)\n";
+  } else if (sourceCategory.categoryCount == 0) {
     out << "  no source category: no source format is listed in formats, so every target is nested\n";
   } else {
-    out << "  no source category: the files' formats span " << sourceCategories.size()
+    out << "  no source category: the files' formats span " << sourceCategory.categoryCount
         << " categories, so every target is nested\n";
   }
   std::vector<std::string> nowhere;
-  for (const auto& id : *common) {
-    const std::string& category = formats.at(id)->category;
-    if (category != sourceCategory && categories.count(category) == 0) {
-      nowhere.push_back(id + " (category " + category + ")");
-    }
+  for (const FinderCapabilities::Format* format : grouping.offeredNowhere) {
+    nowhere.push_back(format->id + " (category " + format->category + ")");
   }
   out << "  offered nowhere, category not listed in categories: " << joinIds(nowhere) << '\n';
 
   out << '\n';
-  std::vector<FinderMenuPlanner::FileInput> inputs;
-  for (const auto& path : paths) inputs.push_back(FinderMenuPlanner::fileInputForPath(path, *text));
   auto plan = FinderMenuPlanner::plan(catalogue, inputs, *text);
   if (!plan) {
     out << style.red("No Convert menu") << ": no target is left to offer.\n";
