@@ -31,6 +31,7 @@
 #include <thread>
 
 #include "catalogue/capabilities.h"
+#include "catalogue/capability_store.h"
 #include "converters.h"
 #include "desktop_notification.h"
 #include "file_converter.h"
@@ -45,7 +46,6 @@ namespace {
 
 using Level = FinderLog::Level;
 
-constexpr std::string_view kCapabilitiesName = "capabilities.json";
 constexpr const char* kUsage =
     "Usage: AppRun [--watch] [--activate]\n"
     "PalvinHost converts the files picked in the Convert menu: it takes the requests in\n"
@@ -95,7 +95,7 @@ std::string buildTime() {
 // extension's cache, keyed by modification date, stays valid.
 void installCatalogue(Platform& platform, const HostLog& log, const ConverterTable& table, const std::string& container) {
   std::string ours = table.catalogue(buildTime()).encode(/*pretty=*/true) + "\n";
-  std::string installed = paths::join(container, kCapabilitiesName);
+  std::string installed = paths::join(container, CapabilityStore::kFileName);
   auto theirs = platform.readFile(installed);
   if (theirs.ok() && *theirs == ours) return;
   if (auto written = platform.writeFileAtomically(installed, ours); written.ok()) {
@@ -107,7 +107,7 @@ void installCatalogue(Platform& platform, const HostLog& log, const ConverterTab
 
 void describeContainer(Platform& platform, const std::string& container, const FinderRequestQueue& queue) {
   std::cout << "PalvinHost\nShared container: " << container << '\n';
-  auto catalogue = platform.readFile(paths::join(container, kCapabilitiesName));
+  auto catalogue = platform.readFile(paths::join(container, CapabilityStore::kFileName));
   auto decoded = catalogue.ok() ? FinderCapabilities::decode(*catalogue) : Error{catalogue.error()};
   std::cout << "  capabilities.json  ";
   if (decoded.ok()) {

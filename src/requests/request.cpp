@@ -1,13 +1,16 @@
 #include "requests/request.h"
 
+#include <dirent.h>
 #include <simdjson.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdint>
 #include <exception>
 #include <random>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "shared/json_reader.h"
@@ -172,7 +175,26 @@ std::string makeUuidV4() {
 }
 
 std::string newRequestFileName() {
-  return makeUuidV4() + ".json";
+  return makeUuidV4() + std::string(kRequestFileExtension);
+}
+
+bool isRequestFileName(std::string_view name) {
+  return name.size() > kRequestFileExtension.size() && name.front() != '.' && name.ends_with(kRequestFileExtension);
+}
+
+Result<std::vector<std::string>> listRequestFileNames(const std::string& directory) {
+  DIR* dir = ::opendir(directory.c_str());
+  if (dir == nullptr) return Error{directory + ": " + std::generic_category().message(errno)};
+  std::vector<std::string> names;
+  errno = 0;
+  while (const dirent* entry = ::readdir(dir)) {
+    if (isRequestFileName(entry->d_name)) names.emplace_back(entry->d_name);
+  }
+  int error = errno;
+  ::closedir(dir);
+  if (error != 0) return Error{directory + ": " + std::generic_category().message(error)};
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 std::string requestDirectory(std::string_view containerRoot) {

@@ -31,8 +31,22 @@ struct FinderConversionRequest {
   static Result<FinderConversionRequest> decode(std::string_view bytes);
 };
 
-// The request directory's name inside the shared container.
+// The request folder: "<container>/requests" holds one "<UUID>.json" file per
+// request; the host app moves a claimed one into "processing" and one that
+// does not decode into "failed" beside it, and writes its outcome to
+// "<container>/results/<request file name>".
 inline constexpr std::string_view kRequestDirectoryName = "requests";
+inline constexpr std::string_view kProcessingDirectoryName = "processing";
+inline constexpr std::string_view kFailedDirectoryName = "failed";
+inline constexpr std::string_view kResultsDirectoryName = "results";
+inline constexpr std::string_view kRequestFileExtension = ".json";
+
+// A request file is named "*.json" without a leading dot; dot names are the
+// temporary files of atomic writes still under way and must be left alone.
+bool isRequestFileName(std::string_view name);
+
+// The request file names in `directory`, sorted; an error when it can't be read.
+Result<std::vector<std::string>> listRequestFileNames(const std::string& directory);
 
 // A new random version-4 UUID in canonical upper-case text form.
 std::string makeUuidV4();

@@ -1,6 +1,5 @@
 #include "requests/request_queue.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -45,25 +44,6 @@ Result<std::string> readAll(int fd, const std::string& path) {
 }
 
 }  // namespace
-
-bool isRequestFileName(std::string_view name) {
-  return name.size() > 5 && name.front() != '.' && name.ends_with(".json");
-}
-
-Result<std::vector<std::string>> listRequestFileNames(const std::string& directory) {
-  DIR* dir = ::opendir(directory.c_str());
-  if (dir == nullptr) return Error{describe(directory, errno)};
-  std::vector<std::string> names;
-  errno = 0;
-  while (const dirent* entry = ::readdir(dir)) {
-    if (isRequestFileName(entry->d_name)) names.emplace_back(entry->d_name);
-  }
-  int error = errno;
-  ::closedir(dir);
-  if (error != 0) return Error{describe(directory, error)};
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 // A request this instance holds: the open, locked file and where it is now.
 struct FinderRequestQueue::Claim {

@@ -37,20 +37,6 @@
 
 namespace palvin {
 
-// Inside requests/: claimed requests, and requests that did not decode.
-inline constexpr std::string_view kProcessingDirectoryName = "processing";
-inline constexpr std::string_view kFailedDirectoryName = "failed";
-// In the container's root: one result document per handled request, named
-// like the request file.
-inline constexpr std::string_view kResultsDirectoryName = "results";
-
-// A request file is named "*.json" without a leading dot; dot names are the
-// temporary files of atomic writes still under way and must be left alone.
-bool isRequestFileName(std::string_view name);
-
-// The request file names in `directory`, sorted; an error when it can't be read.
-Result<std::vector<std::string>> listRequestFileNames(const std::string& directory);
-
 // One file of a claimed request, as handed to the converter. `index` is the
 // file's place in the request; with `requestName` it names the file's work
 // uniquely, e.g. for a temporary file that a retry must find again.

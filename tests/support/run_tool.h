@@ -11,8 +11,7 @@ namespace palvin::testing {
 
 struct ToolRun {
   int exitCode = -1;
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
 // Runs `program` with `args` and empty standard input. `env` changes the
@@ -22,8 +21,5 @@ ToolRun runProgram(const std::string& program, const std::vector<std::string>& a
                    const std::vector<std::string>& env = {}, const std::function<void(int pid)>& started = {});
 
 // runProgram with PALVIN_TOOL_PATH.
-ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-                const std::function<void(int pid)>& started = {});
-
-
+ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
 }  // namespace palvin::testing

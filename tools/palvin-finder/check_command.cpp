@@ -8,9 +8,9 @@
 
 namespace palvin::tool {
 
-void registerCheckCommand(Registry registry) {
+void addCheckCommand(CommandLine commandLine) {
   auto file = std::make_shared<std::string>();
-  CLI::App* command = registry.app.add_subcommand(
+  CLI::App* command = commandLine.app.add_subcommand(
       "check",
       "Validate a capabilities document as the extension reads it: decoding errors with their JSON\n"
       "path, a schemaVersion other than 1, then warnings for what the extension tolerates silently\n"
@@ -21,7 +21,7 @@ void registerCheckCommand(Registry registry) {
       "\nOne line per finding: \"error: PATH: message\" or \"warning: PATH: message\".\n"
       "Exit codes: 0 the document is usable (warnings alone do not fail); 1 it is not (it can't be\n"
       "read or decoded, or its schema version is not 1); 2 bad arguments.");
-  int& exitCode = registry.exitCode;
+  int& exitCode = commandLine.exitCode;
   command->callback([file, &exitCode] {
     Style style = styleForStdout();
     auto bytes = currentPlatform().readFile(*file);

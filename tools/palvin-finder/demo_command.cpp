@@ -5,15 +5,17 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <iostream>
 #include <thread>
 
+#include "catalogue/capability_store.h"
 #include "finder/finder_sync.h"
+#include "loading.h"
 #include "menu_view.h"
 #include "platform/linux_platform.h"
 #include "requests/conversion_result.h"
 #include "requests/request.h"
-#include "requests/request_queue.h"
 #include "sample_catalogue.h"
 #include "sample_images.h"
 #include "services/log.h"
@@ -57,15 +59,14 @@ struct RequestFile {
   std::string json;
 };
 
-std::string readWhole(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 class Demo {
  public:
   Demo(std::string root, Style style)
-      : root_(std::move(root)), container_(root_ + "/container"), files_(root_ + "/Files"), style_(style) {}
+      : root_(std::move(root)),
+        container_(root_ + "/container"),
+        files_(root_ + "/Files"),
+        style_(style),
+        log_(paths::join(container_, FinderLog::kFileName)) {}
 
   int run(bool keep);
 
@@ -84,7 +85,7 @@ class Demo {
   Style style_;
   DemoPlatform* platform_ = nullptr;
   int step_ = 0;
-  std::size_t logShown_ = 0;
+  LogTail log_;
 };
 
 void Demo::writeFile(const std::string& path, std::string_view content) {
@@ -117,17 +118,9 @@ Menu Demo::showMenu(FinderSync& finder, const std::vector<std::string>& names) {
 // The log lines written since the last look: what the extension said.
 void Demo::showNewLogLines() {
   FinderLog::flush();
-  std::ifstream in(paths::join(container_, FinderLog::kFileName), std::ios::binary);
-  std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (content.size() < logShown_) logShown_ = 0;  // trimmed or replaced
-  std::string_view added = std::string_view(content).substr(logShown_);
-  logShown_ = content.size();
-  std::size_t start = 0;
-  while (start < added.size()) {
-    std::size_t end = added.find('\n', start);
-    if (end == std::string_view::npos) end = added.size();
-    std::cout << style_.dim("  log │ ") << added.substr(start, end - start) << '\n';
-    start = end + 1;
+  if (auto added = log_.take(true); added.ok()) {
+    LogTail::forEachLine(added->text,
+                         [this](std::string_view line) { std::cout << style_.dim("  log │ ") << line << '\n'; });
   }
 }
 
@@ -175,7 +168,7 @@ std::string describeWebp(std::string_view bytes) {
 
 std::vector<RequestFile> Demo::readRequests() const {
   std::vector<RequestFile> out;
-  for (const auto& path : requestFiles(requestDirectory(container_))) out.push_back({path, readWhole(path)});
+  for (const auto& path : requestFiles(requestDirectory(container_))) out.push_back({path, readFileOrEmpty(path)});
   return out;
 }
 
@@ -203,7 +196,7 @@ void Demo::followHostApp(const std::vector<RequestFile>& requests) {
       return false;
     }
     return std::all_of(requests.begin(), requests.end(), [&](const RequestFile& request) {
-      auto result = FinderConversionResult::decode(readWhole(paths::join(results, paths::lastComponent(request.path))));
+      auto result = FinderConversionResult::decode(readFileOrEmpty(paths::join(results, paths::lastComponent(request.path))));
       return result.ok() && result->count(FinderFileResult::Status::pending) == 0;
     });
   };
@@ -220,7 +213,7 @@ void Demo::followHostApp(const std::vector<RequestFile>& requests) {
   std::cout << "Request consumed: requests/ holds no request file\n";
   for (const auto& request : requests) {
     std::string name(paths::lastComponent(request.path));
-    std::string document = readWhole(paths::join(results, name));
+    std::string document = readFileOrEmpty(paths::join(results, name));
     std::cout << "Result document: " << style_.cyan("results/" + name) << '\n' << document << '\n';
     auto result = FinderConversionResult::decode(document);
     if (!result.ok()) continue;
@@ -231,13 +224,13 @@ void Demo::followHostApp(const std::vector<RequestFile>& requests) {
       }
       std::string output = "Files/" + std::string(paths::lastComponent(file.outputPath));
       std::cout << "Converted: " << style_.cyan(output) << '\n'
-                << "  " << output << ": " << describeWebp(readWhole(file.outputPath)) << '\n';
+                << "  " << output << ": " << describeWebp(readFileOrEmpty(file.outputPath)) << '\n';
     }
   }
 }
 
 int Demo::run(bool keep) {
-  const std::string catalogue = paths::join(container_, "capabilities.json");
+  const std::string catalogue = paths::join(container_, CapabilityStore::kFileName);
   writeFile(catalogue, kSampleCatalogue);
   writeFile(paths::join(files_, "photo.png"), kSamplePhotoPng);
   writeFile(paths::join(files_, "scan.JPG"), kSampleScanJpeg);
@@ -311,8 +304,7 @@ int Demo::run(bool keep) {
   FinderLog::flush();
 
   step("The log file", "finder-extension.log in the shared container, as the host app and the user read it.");
-  std::ifstream in(paths::join(container_, FinderLog::kFileName), std::ios::binary);
-  std::cout << in.rdbuf();
+  std::cout << readFileOrEmpty(paths::join(container_, FinderLog::kFileName));
 
   std::cout << '\n';
   if (keep) {
@@ -328,22 +320,22 @@ int Demo::run(bool keep) {
 
 }  // namespace
 
-void registerDemoCommand(Registry registry) {
+void addDemoCommand(CommandLine commandLine) {
   auto keep = std::make_shared<bool>(false);
-  CLI::App* command = registry.app.add_subcommand(
+  CLI::App* command = commandLine.app.add_subcommand(
       "demo",
       "Walk through what the extension does, step by step, in a temporary shared container holding\n"
       "the sample catalogue and a few sample files: menus for several selections, a pick whose request\n"
       "the sample host app takes (when the tool runs from the build tree), a stale pick, the fallback\n"
       "menu, a broken catalogue, and the log file.");
   command->add_flag("--keep", *keep, "leave the temporary container and files behind and say where");
-  int& exitCode = registry.exitCode;
+  int& exitCode = commandLine.exitCode;
   command->callback([keep, &exitCode] {
     std::string pattern = (fs::temp_directory_path() / "palvin-demo-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) {
-      std::cerr << "palvin-finder demo: cannot create a temporary directory in " << fs::temp_directory_path()
-                << '\n';
-      exitCode = kExitUsage;
+      std::ostringstream message;  // the directory quoted, as a path prints
+      message << "cannot create a temporary directory in " << fs::temp_directory_path();
+      exitCode = usageError("demo", message.str());
       return;
     }
     exitCode = Demo(pattern, styleForStdout()).run(*keep);

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "loading.h"
 #include "platform/platform.h"
 #include "shared/json_writer.h"
 #include "shared/text.h"
@@ -42,11 +43,8 @@ std::string missingKeyHint(const FinderCapabilities& catalogue, const std::strin
 
 int explain(const std::string& file, const std::vector<std::string>& paths, std::ostream& out) {
   Style style = styleForStdout();
-  auto loaded = loadCapabilities(file);
-  if (!loaded.ok()) {
-    std::cerr << "Failed to decode capabilities: " << loaded.error() << '\n';
-    return kExitUsage;
-  }
+  auto loaded = loadCatalogue(file);
+  if (!loaded) return kExitUsage;
   const FinderCapabilities& catalogue = *loaded;
   // Every figure below comes from the planner's own steps, so this account and
   // the menu cannot disagree.
@@ -125,23 +123,22 @@ int explain(const std::string& file, const std::vector<std::string>& paths, std:
 
 }  // namespace
 
-void registerExplainCommand(Registry registry) {
+void addExplainCommand(CommandLine commandLine) {
   struct Options {
     std::string capabilities;
     std::vector<std::string> paths;
   };
   auto options = std::make_shared<Options>();
-  CLI::App* command = registry.app.add_subcommand(
+  CLI::App* command = commandLine.app.add_subcommand(
       "explain",
       "Say why the Convert menu for PATHs is what it is: each file's extension and source format (or\n"
       "the missing key that withholds the menu), each file's targets, their intersection, what is\n"
       "removed as the selection's own formats or dropped as unknown, the source category, and the\n"
       "categories offered nowhere. Answers \"why doesn't my format show up in the menu?\".");
-  command->add_option("--capabilities", options->capabilities, "capabilities document to explain against")
-      ->required();
-  command->add_option("paths", options->paths, "selected files, in selection order (need not exist)")->required();
+  addCatalogueOptions(*command, options->capabilities, "explain against", options->paths,
+                      "selected files, in selection order (need not exist)");
   command->footer("\nExit codes: 0 explained (with or without a menu); 2 the document can't be read or decoded.");
-  int& exitCode = registry.exitCode;
+  int& exitCode = commandLine.exitCode;
   command->callback([options, &exitCode] { exitCode = explain(options->capabilities, options->paths, std::cout); });
 }
 

@@ -48,14 +48,14 @@ int main(int argc, char** argv) {
   app.fallthrough(false);
 
   int exitCode = palvin::tool::kExitOk;
-  palvin::tool::Registry registry{app, exitCode};
-  palvin::tool::registerPlanCommand(registry);
-  palvin::tool::registerCheckCommand(registry);
-  palvin::tool::registerMenuCommand(registry);
-  palvin::tool::registerExplainCommand(registry);
-  palvin::tool::registerRequestsCommand(registry);
-  palvin::tool::registerLogCommand(registry);
-  palvin::tool::registerDemoCommand(registry);
+  palvin::tool::CommandLine commandLine{app, exitCode};
+  palvin::tool::addPlanCommand(commandLine);
+  palvin::tool::addCheckCommand(commandLine);
+  palvin::tool::addMenuCommand(commandLine);
+  palvin::tool::addExplainCommand(commandLine);
+  palvin::tool::addRequestsCommand(commandLine);
+  palvin::tool::addLogCommand(commandLine);
+  palvin::tool::addDemoCommand(commandLine);
 
   auto usage = [&app] {
     std::string names;
@@ -70,7 +70,7 @@ int main(int argc, char** argv) {
     return false;
   };
   if (argc > 1 && argv[1][0] != '-' && !known(argv[1])) {
-    std::cerr << "palvin-finder: unknown command '" << argv[1] << "'\n";
+    palvin::tool::printError("", "unknown command '" + std::string(argv[1]) + "'");
     usage();
     return palvin::tool::kExitUsage;
   }
@@ -83,7 +83,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    std::cerr << "palvin-finder: " << e.what() << '\n';
+    palvin::tool::printError("", e.what());
     usage();
     return palvin::tool::kExitUsage;
   }

@@ -9,14 +9,16 @@
 #include <iostream>
 
 #include "finder/finder_sync.h"
+#include "loading.h"
 #include "menu_view.h"
 #include "platform/linux_platform.h"
-#include "services/container.h"
 #include "services/log.h"
 #include "shared/paths.h"
 
 namespace palvin::tool {
 namespace {
+
+constexpr std::string_view kName = "menu";
 
 struct MenuOptions {
   std::string container;
@@ -32,22 +34,6 @@ struct MenuOptions {
 // (no symlink resolution, which would change the extension).
 std::string absolutePath(const std::string& path) {
   return std::filesystem::absolute(path).lexically_normal().string();
-}
-
-std::uint64_t fileSize(const std::string& path) {
-  struct stat st {};
-  return stat(path.c_str(), &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
-}
-
-// The log lines this run added, so the user sees what the extension did.
-void printLogSince(const std::optional<std::string>& logPath, std::uint64_t offset, const Style& style) {
-  if (!logPath) return;
-  auto content = currentPlatform().readFile(*logPath);
-  if (!content.ok()) return;
-  std::string_view added = *content;
-  added.remove_prefix(offset <= added.size() ? offset : 0);  // a trim restarted the file
-  if (added.empty()) return;
-  std::cout << style.bold("Log") << " " << style.dim(*logPath) << '\n' << added;
 }
 
 class RawTerminal {
@@ -123,12 +109,11 @@ int runMenu(const MenuOptions& options) {
   for (const auto& path : options.paths) {
     struct stat st {};
     if (lstat(path.c_str(), &st) != 0) {
-      std::cerr << "palvin-finder menu: " << path << ": no such file or directory (the selection must exist)\n";
-      return kExitUsage;
+      return usageError(kName, path + ": no such file or directory (the selection must exist)");
     }
   }
   LinuxPlatform::Options platformOptions;
-  if (!options.container.empty()) platformOptions.container = absolutePath(options.container);
+  platformOptions.container = resolveContainer(options.container);
   if (!options.appearance.empty()) platformOptions.appearance = options.appearance;
   if (!options.bundle.empty()) platformOptions.bundlePath = absolutePath(options.bundle);
   platformOptions.stringsDirectory = stringsDirectory();
@@ -138,10 +123,13 @@ int runMenu(const MenuOptions& options) {
   platform.setSelection(selection);
   ScopedPlatform installed(platform);
 
-  auto container = FinderSharedContainer::url();
-  std::optional<std::string> logPath;
-  if (container) logPath = paths::join(*container, FinderLog::kFileName);
-  std::uint64_t logOffset = logPath ? fileSize(*logPath) : 0;
+  // The log lines this run adds show the user what the extension did.
+  const auto& container = platformOptions.container;
+  std::optional<LogTail> log;
+  if (container) {
+    log.emplace(paths::join(*container, FinderLog::kFileName));
+    (void)log->take(true);
+  }
 
   {
     FinderSync finder;
@@ -167,25 +155,28 @@ int runMenu(const MenuOptions& options) {
   }
   FinderLog::flush();
   std::cout << '\n';
-  printLogSince(logPath, logOffset, style);
-  if (!container) std::cout << style.yellow("No shared container: pass --container, or set PALVIN_SHARED_CONTAINER, XDG_DATA_HOME or HOME.\n");
+  if (!container) {
+    std::cout << style.yellow("No shared container: " + std::string(kNoContainerAdvice) + ".\n");
+  } else if (auto added = log->take(true); added.ok() && !added->text.empty()) {
+    std::cout << style.bold("Log") << " " << style.dim(paths::join(*container, FinderLog::kFileName)) << '\n'
+              << added->text;
+  }
   return kExitOk;
 }
 
 }  // namespace
 
-void registerMenuCommand(Registry registry) {
+void addMenuCommand(CommandLine commandLine) {
   auto options = std::make_shared<MenuOptions>();
-  CLI::App* command = registry.app.add_subcommand(
-      "menu",
+  CLI::App* command = commandLine.app.add_subcommand(
+      std::string(kName),
       "Build the extension's contextual menu for PATHs (which must exist; folders are dropped as the\n"
       "Finder extension drops them, and a symbolic link, even to a folder or dangling, counts as a\n"
       "file, as a selected link does in Finder) with the real controller, print it with tags, titles, separators,\n"
       "icons and tints, and optionally pick an item. The capabilities come from the shared\n"
       "container's capabilities.json; requests go to its requests directory; the log lines of the\n"
       "run are printed at the end.");
-  command->add_option("--container", options->container,
-                      "shared container directory (default: $XDG_DATA_HOME/<app group>)");
+  addContainerOption(*command, options->container, false);
   command->add_option("--pick", options->pick, "then pick the target item with this tag (any integer)");
   command->add_flag("--open-host-app", options->openHostApp, "then pick the fallback item (opens the host app)");
   command->add_flag("--interactive,-i", options->interactive, "choose an item with the arrow keys or its number");
@@ -196,7 +187,7 @@ void registerMenuCommand(Registry registry) {
                       "(default: the directory of this executable)");
   command->add_option("paths", options->paths, "selected files and folders, in selection order")->required();
   command->footer("\nExit codes: 0 the menu was built (whatever it offers); 2 bad arguments or a PATH that does not exist.");
-  int& exitCode = registry.exitCode;
+  int& exitCode = commandLine.exitCode;
   command->callback([options, &exitCode] { exitCode = runMenu(*options); });
 }
 

@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "planner/menu_planner.h"
+#include "loading.h"
 #include "platform/platform.h"
 #include "shared/json_writer.h"
 #include "tool.h"
@@ -90,32 +91,30 @@ void printPlan(std::ostream& out, const std::optional<FinderMenuPlanner::Plan>& 
   }
 }
 
-void registerPlanCommand(Registry registry) {
+void addPlanCommand(CommandLine commandLine) {
   struct Options {
     std::string capabilities;
     bool json = false;
     std::vector<std::string> paths;
   };
   auto options = std::make_shared<Options>();
-  CLI::App* command = registry.app.add_subcommand(
+  CLI::App* command = commandLine.app.add_subcommand(
       "plan",
       "Print the Convert menu plan for PATHs (which need not exist): each file's source format, the\n"
       "inline targets and the category groups. A path's extension is the text after the last dot\n"
       "of its last component, lower-cased, exactly as the extension takes it.");
-  command->add_option("--capabilities", options->capabilities, "capabilities document to plan against")
-      ->required();
+  addCatalogueOptions(*command, options->capabilities, "plan against", options->paths,
+                      "selected files, in selection order");
   command->add_flag("--json", options->json,
                     "print exactly one JSON value: null when there is no plan, otherwise\n"
                     "{\"files\":[...],\"inlineTargets\":[...],\"groups\":[...]}");
-  command->add_option("paths", options->paths, "selected files, in selection order")->required();
   command->footer(
       "\nExit codes: 0 whether or not there is a plan; 2 when the capabilities document can't be\n"
       "read or decoded (\"Failed to decode capabilities: ...\" on standard error).");
-  int& exitCode = registry.exitCode;
+  int& exitCode = commandLine.exitCode;
   command->callback([options, &exitCode] {
-    auto capabilities = loadCapabilities(options->capabilities);
-    if (!capabilities.ok()) {
-      std::cerr << "Failed to decode capabilities: " << capabilities.error() << '\n';
+    auto capabilities = loadCatalogue(options->capabilities);
+    if (!capabilities) {
       exitCode = kExitUsage;
       return;
     }

@@ -11,14 +11,16 @@
 #include "platform/platform.h"
 #include "requests/conversion_result.h"
 #include "requests/request.h"
-#include "requests/request_queue.h"
 #include "shared/json_writer.h"
 #include "services/log.h"
 #include "shared/paths.h"
+#include "directory_watch.h"
 #include "tool.h"
 
 namespace palvin::tool {
 namespace {
+
+constexpr std::string_view kName = "requests";
 
 struct RequestsOptions {
   std::string container;
@@ -36,18 +38,18 @@ RequestFile requestFile(const std::string& directory, const std::string& name) {
   return RequestFile{name, modified.ok() ? std::optional<FileTime>(modified->modified) : std::nullopt};
 }
 
-// Oldest first, the name breaking ties, as the host app takes them.
+// Oldest first, the name breaking ties, as the host app takes them. A
+// directory is passed over: it holds no document to show.
 Result<std::vector<RequestFile>> listRequestFiles(const std::string& directory) {
-  std::error_code error;
-  std::filesystem::directory_iterator it(directory, error);
-  if (error) return Error{directory + ": " + error.message()};
+  auto names = listRequestFileNames(directory);
+  if (!names.ok()) return Error{names.error()};
   std::vector<RequestFile> files;
-  for (; it != std::filesystem::directory_iterator(); it.increment(error)) {
-    std::string name = it->path().filename().string();
+  for (const auto& name : *names) {
     std::error_code ignored;
-    if (isRequestFileName(name) && !it->is_directory(ignored)) files.push_back(requestFile(directory, name));
+    if (!std::filesystem::is_directory(paths::join(directory, name), ignored)) {
+      files.push_back(requestFile(directory, name));
+    }
   }
-  if (error) return Error{directory + ": " + error.message()};
   std::sort(files.begin(), files.end(), [](const RequestFile& a, const RequestFile& b) {
     FileTime ta = a.modified.value_or(FileTime{});
     FileTime tb = b.modified.value_or(FileTime{});
@@ -62,17 +64,24 @@ std::string timestamp(FileTime t) {
   return FinderLog::formatTimestamp(system_clock::time_point(since));
 }
 
-// False when the file does not hold a valid request.
-bool printRequest(const Style& style, const std::string& directory, const RequestFile& file) {
+// The file's name and time, then its document as `Document` decodes it;
+// nothing, after saying why, when it does not hold one.
+template <class Document>
+std::optional<Document> printHeading(const Style& style, const std::string& directory, const RequestFile& file) {
   std::cout << style.bold(json::toValidUtf8(file.name));
   if (file.modified) std::cout << "  " << style.dim(timestamp(*file.modified));
   std::cout << '\n';
   auto bytes = currentPlatform().readFile(paths::join(directory, file.name));
-  auto request = bytes.ok() ? FinderConversionRequest::decode(*bytes) : Error{bytes.error()};
-  if (!request.ok()) {
-    std::cout << "  " << style.red("invalid") << ": " << json::toValidUtf8(request.error()) << '\n';
-    return false;
-  }
+  auto decoded = bytes.ok() ? Document::decode(*bytes) : Error{bytes.error()};
+  if (decoded.ok()) return std::move(*decoded);
+  std::cout << "  " << style.red("invalid") << ": " << json::toValidUtf8(decoded.error()) << '\n';
+  return std::nullopt;
+}
+
+// False when the file does not hold a valid request.
+bool printRequest(const Style& style, const std::string& directory, const RequestFile& file) {
+  auto request = printHeading<FinderConversionRequest>(style, directory, file);
+  if (!request) return false;
   std::cout << "  to " << style.cyan(json::toValidUtf8(request->targetFormatId)) << ", "
             << request->files.size() << " file(s)\n";
   for (const auto& ref : request->files) {
@@ -84,15 +93,8 @@ bool printRequest(const Style& style, const std::string& directory, const Reques
 
 // False when the file does not hold a valid result document.
 bool printResult(const Style& style, const std::string& directory, const RequestFile& file) {
-  std::cout << style.bold(json::toValidUtf8(file.name));
-  if (file.modified) std::cout << "  " << style.dim(timestamp(*file.modified));
-  std::cout << '\n';
-  auto bytes = currentPlatform().readFile(paths::join(directory, file.name));
-  auto result = bytes.ok() ? FinderConversionResult::decode(*bytes) : Error{bytes.error()};
-  if (!result.ok()) {
-    std::cout << "  " << style.red("invalid") << ": " << json::toValidUtf8(result.error()) << '\n';
-    return false;
-  }
+  auto result = printHeading<FinderConversionResult>(style, directory, file);
+  if (!result) return false;
   using Status = FinderFileResult::Status;
   std::cout << "  to " << style.cyan(json::toValidUtf8(result->targetFormatId)) << ": "
             << result->count(Status::converted) << " converted, " << result->count(Status::failed) << " failed";
@@ -122,35 +124,25 @@ bool printResults(const Style& style, const std::string& container) {
 }
 
 int runRequests(const RequestsOptions& options) {
-  auto container = resolveContainer(options.container);
-  if (!container) {
-    std::cerr << "palvin-finder requests: " << kNoContainer << '\n';
-    return kExitUsage;
-  }
+  auto container = containerOrError(kName, options.container);
+  if (!container) return kExitUsage;
   std::string directory = requestDirectory(*container);
   Style style = styleForStdout();
   struct stat info {};
   bool exists = stat(directory.c_str(), &info) == 0;
-  if (exists && !S_ISDIR(info.st_mode)) {
-    std::cerr << "palvin-finder requests: " << directory << " is not a directory\n";
-    return kExitUsage;
-  }
+  if (exists && !S_ISDIR(info.st_mode)) return usageError(kName, directory + " is not a directory");
   if (!exists) {
     std::cout << "No requests yet: " << directory << " does not exist.\n";
     if (!options.watch) return kExitOk;
     if (auto created = currentPlatform().createDirectories(directory); !created.ok()) {
-      std::cerr << "palvin-finder requests: " << created.error() << '\n';
-      return kExitUsage;
+      return usageError(kName, created.error());
     }
   }
   // Watch before listing, so that nothing arriving in between is missed.
   std::unique_ptr<DirectoryWatch> watch;
   if (options.watch) {
     auto started = DirectoryWatch::start(directory, IN_MOVED_TO | IN_CLOSE_WRITE);
-    if (!started.ok()) {
-      std::cerr << "palvin-finder requests: " << started.error() << '\n';
-      return kExitUsage;
-    }
+    if (!started.ok()) return usageError(kName, started.error());
     watch = std::move(*started);
   }
 
@@ -164,10 +156,7 @@ int runRequests(const RequestsOptions& options) {
   };
   if (exists) {
     auto files = listRequestFiles(directory);
-    if (!files.ok()) {
-      std::cerr << "palvin-finder requests: " << files.error() << '\n';
-      return kExitUsage;
-    }
+    if (!files.ok()) return usageError(kName, files.error());
     if (files->empty()) {
       std::cout << "No requests in " << directory << ".\n";
     } else {
@@ -189,37 +178,31 @@ int runRequests(const RequestsOptions& options) {
       }
     }
   });
-  if (!stillThere) std::cerr << "palvin-finder requests: " << directory << " was removed or moved away\n";
+  if (!stillThere) printError(kName, directory + " was removed or moved away");
   return invalid ? kExitFindings : kExitOk;
 }
 
 }  // namespace
 
-void registerRequestsCommand(Registry registry) {
+void addRequestsCommand(CommandLine commandLine) {
   auto options = std::make_shared<RequestsOptions>();
-  CLI::App* command = registry.app.add_subcommand(
-      "requests",
+  CLI::App* command = commandLine.app.add_subcommand(
+      std::string(kName),
       "List the request files of the shared container's \"requests\" directory as the host app\n"
       "reads them: *.json files (names starting with a dot are temporary files of atomic writes),\n"
       "oldest first, each with its modification time (UTC) and its decoded request: the target\n"
       "format and every file's path and source format, or why it can't be decoded. Then the host\n"
       "app's result documents (\"results/<request>\"), when there are any: every file's outcome,\n"
       "its output path or why it failed.");
-  command
-      ->add_option("--container", options->container,
-                   "shared container directory (default: $XDG_DATA_HOME/<app group>)")
-      ->type_name("DIR");
+  addContainerOption(*command, options->container);
   auto* watch = command->add_flag("--watch", options->watch,
                                   "then print each new request as it arrives, until interrupted (Ctrl-C)");
-  command->add_option("--timeout", options->timeout, "with --watch: stop after SECONDS")
-      ->type_name("SECONDS")
-      ->check(CLI::PositiveNumber)
-      ->needs(watch);
+  addTimeoutOption(*command, options->timeout, watch);
   command->footer("\n" + sharedContainerHelp() +
                   "\nExit codes: 0 every request file is valid (or there are none); 1 at least one request\n"
                   "file or result document shown can't be read or decoded; 2 bad arguments, no shared\n"
                   "container, or a request directory that can't be read. SIGINT and SIGTERM end --watch normally.");
-  int& exitCode = registry.exitCode;
+  int& exitCode = commandLine.exitCode;
   command->callback([options, &exitCode] { exitCode = runRequests(*options); });
 }
 

@@ -19,6 +19,7 @@
 
 #include <palvin/identifiers.h>
 
+#include "catalogue/capability_store.h"
 #include "host/apple/image_io.h"
 #include "host/image_catalogue.h"
 #include "platform/apple_platform.h"
@@ -30,7 +31,6 @@ namespace {
 
 using palvin::FinderLog::Level;
 
-constexpr std::string_view kCapabilitiesName = "capabilities.json";
 constexpr std::size_t kRecentLines = 12;
 
 NSString* toNSString(std::string_view text) {
@@ -203,7 +203,7 @@ static void requestPosted(CFNotificationCenterRef center, void* observer, CFNoti
 
 - (void)installCatalogue {
   const std::string ours = _catalogue.capabilities.encode(/*pretty=*/true) + "\n";
-  const std::string path = palvin::paths::join(*_container, kCapabilitiesName);
+  const std::string path = palvin::paths::join(*_container, palvin::CapabilityStore::kFileName);
   if (!palvin::host::shouldInstallCatalogue(ours, _catalogue.capabilities.generatedAt, _platform->readFile(path))) {
     _catalogueState = "the installed one is current";
     return;

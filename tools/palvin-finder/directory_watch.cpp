@@ -1,80 +1,16 @@
+#include "directory_watch.h"
+
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <palvin/identifiers.h>
-
 #include <cerrno>
 #include <chrono>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-
-#include "platform/platform.h"
-#include "services/container.h"
-#include "tool.h"
 
 namespace palvin::tool {
-
-Result<FinderCapabilities> loadCapabilities(const std::string& path) {
-  auto bytes = currentPlatform().readFile(path);
-  if (!bytes.ok()) return Error{bytes.error()};
-  return FinderCapabilities::decode(*bytes);
-}
-
-std::string stringsDirectory() {
-  std::error_code ignored;
-  std::filesystem::path beside =
-      std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path() / "Resources";
-  return std::filesystem::is_directory(beside, ignored) ? beside.string() : std::string(PALVIN_STRINGS_DIR);
-}
-
-namespace {
-std::string wrap(bool enabled, const char* code, std::string_view s) {
-  if (!enabled) return std::string(s);
-  std::string out = "\x1b[";
-  out += code;
-  out += 'm';
-  out += s;
-  out += "\x1b[0m";
-  return out;
-}
-}  // namespace
-
-std::string Style::bold(std::string_view s) const { return wrap(enabled, "1", s); }
-std::string Style::dim(std::string_view s) const { return wrap(enabled, "2", s); }
-std::string Style::red(std::string_view s) const { return wrap(enabled, "31", s); }
-std::string Style::yellow(std::string_view s) const { return wrap(enabled, "33", s); }
-std::string Style::green(std::string_view s) const { return wrap(enabled, "32", s); }
-std::string Style::cyan(std::string_view s) const { return wrap(enabled, "36", s); }
-
-Style styleForStdout() {
-  const char* noColor = std::getenv("NO_COLOR");
-  bool noColorSet = noColor != nullptr && noColor[0] != '\0';
-  return Style{isatty(STDOUT_FILENO) == 1 && !noColorSet};
-}
-
-std::string sharedContainerHelp() {
-  std::string text =
-      "Shared container: the directory the extension and the host app share. It holds\n"
-      "\"capabilities.json\" (written by the host app), \"finder-extension.log\" and the \"requests\"\n"
-      "directory. On Linux it is --container DIR when given, else $PALVIN_SHARED_CONTAINER (an\n"
-      "absolute path; the extension hands its container to the host app in it), else\n  $XDG_DATA_HOME/";
-  text += ids::kAppGroupIdentifier;
-  text += "\nor, when XDG_DATA_HOME is unset or relative,\n  ~/.local/share/";
-  text += ids::kAppGroupIdentifier;
-  text += "\nand there is none when HOME is unset too.\n";
-  return text;
-}
-
-std::optional<std::string> resolveContainer(const std::string& option) {
-  if (option.empty()) return FinderSharedContainer::url();
-  std::error_code error;
-  auto absolute = std::filesystem::absolute(option, error);
-  return error ? option : absolute.lexically_normal().string();
-}
 
 Result<std::unique_ptr<DirectoryWatch>> DirectoryWatch::start(const std::string& directory,
                                                               std::uint32_t inotifyEvents) {
