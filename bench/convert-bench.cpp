@@ -4,13 +4,12 @@
 // process, with the same settings, on one thread and on as many threads as
 // the host app uses. Several rounds, alternating; medians and their ratios (on
 // a shared machine the ratio within each round is the steadier figure).
-#include <vips/vips8>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <thread>
+#include <vips/vips8>
 
 #include "host_bench_support.h"
 #include "requests/request.h"
@@ -22,7 +21,9 @@ namespace fs = std::filesystem;
 constexpr int kFiles = 200;
 constexpr int kRounds = 3;
 
-double seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
+double seconds(Clock::time_point since) {
+  return std::chrono::duration<double>(Clock::now() - since).count();
+}
 
 void removeOutputs(const std::string& directory) {
   for (const auto& entry : fs::directory_iterator(directory)) {
@@ -33,8 +34,10 @@ void removeOutputs(const std::string& directory) {
 // What the host app does for a PNG to WebP, without the request around it.
 void convertDirectly(const std::string& source) {
   std::string output = source.substr(0, source.size() - 4) + ".webp";
-  auto options = vips::VImage::option()->set("access", VIPS_ACCESS_SEQUENTIAL)->set("fail_on", VIPS_FAIL_ON_ERROR);
-  vips::VImage::new_from_file(source.c_str(), options).webpsave(output.c_str(), vips::VImage::option()->set("Q", 80));
+  auto options =
+      vips::VImage::option()->set("access", VIPS_ACCESS_SEQUENTIAL)->set("fail_on", VIPS_FAIL_ON_ERROR);
+  vips::VImage::new_from_file(source.c_str(), options)
+      .webpsave(output.c_str(), vips::VImage::option()->set("Q", 80));
 }
 
 double direct(const std::vector<std::string>& sources, unsigned threads) {
@@ -81,10 +84,12 @@ int main(int, char** argv) {
   // Photo-like 1024 x 768 images: a gradient with mild noise.
   palvin::FinderConversionRequest request{"webp", {}};
   std::vector<std::string> sources;
-  vips::VImage photo = (vips::VImage::xyz(1024, 768)[0] / 4 + vips::VImage::gaussnoise(1024, 768, vips::VImage::option()->set("sigma", 8)))
-                           .bandjoin({vips::VImage::xyz(1024, 768)[1] / 3, vips::VImage::xyz(1024, 768)[0] / 5})
-                           .cast(VIPS_FORMAT_UCHAR)
-                           .copy_memory();
+  vips::VImage photo =
+      (vips::VImage::xyz(1024, 768)[0] / 4 +
+       vips::VImage::gaussnoise(1024, 768, vips::VImage::option()->set("sigma", 8)))
+          .bandjoin({vips::VImage::xyz(1024, 768)[1] / 3, vips::VImage::xyz(1024, 768)[0] / 5})
+          .cast(VIPS_FORMAT_UCHAR)
+          .copy_memory();
   for (int i = 0; i < kFiles; ++i) {
     sources.push_back(files + "/photo" + std::to_string(i) + ".png");
     photo.pngsave(sources.back().c_str());
@@ -104,8 +109,9 @@ int main(int, char** argv) {
     removeOutputs(files);
     oneThread.push_back(direct(sources, 1));
     ratios.push_back(viaRequest.back() / sameThreads.back());
-    std::printf("round %d: request %.3f s, libvips on %u threads %.3f s (ratio %.3f), libvips on 1 thread %.3f s\n",
-                round, viaRequest.back(), threads, sameThreads.back(), ratios.back(), oneThread.back());
+    std::printf(
+        "round %d: request %.3f s, libvips on %u threads %.3f s (ratio %.3f), libvips on 1 thread %.3f s\n",
+        round, viaRequest.back(), threads, sameThreads.back(), ratios.back(), oneThread.back());
     std::fflush(stdout);
   }
   double request_ = median(viaRequest), same = median(sameThreads), one = median(oneThread);
@@ -113,8 +119,10 @@ int main(int, char** argv) {
   std::printf("  through a request (AppRun started, %u files at a time)  %.3f s\n", threads, request_);
   std::printf("  libvips directly, %u threads                            %.3f s\n", threads, same);
   std::printf("  libvips directly, 1 thread                              %.3f s\n", one);
-  std::printf("ratio request / direct (same threads): %.3f of the medians, %.3f the median of the rounds' ratios"
-              "  (goal <= 1.10)\n", request_ / same, median(ratios));
+  std::printf(
+      "ratio request / direct (same threads): %.3f of the medians, %.3f the median of the rounds' ratios"
+      "  (goal <= 1.10)\n",
+      request_ / same, median(ratios));
   std::printf("ratio request / direct (1 thread):     %.3f\n", request_ / one);
   vips_shutdown();
   return 0;

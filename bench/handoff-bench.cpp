@@ -2,6 +2,7 @@
 // claim (the rename into requests/processing/) by a host app running with
 // --watch, over 1,000 requests sent one after the other. Side by side, the
 // floor under it: the same rename watched by this program itself with inotify.
+#include <palvin/identifiers.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -12,8 +13,6 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
-
-#include <palvin/identifiers.h>
 
 #include "host_bench_support.h"
 
@@ -63,7 +62,8 @@ std::vector<double> measure(const std::string& staging, const std::string& into,
 }
 
 double percentile(const std::vector<double>& sorted, double p) {
-  return sorted[std::min(sorted.size() - 1, static_cast<std::size_t>(p * static_cast<double>(sorted.size())))];
+  return sorted[std::min(sorted.size() - 1,
+                         static_cast<std::size_t>(p * static_cast<double>(sorted.size())))];
 }
 
 }  // namespace
@@ -75,7 +75,8 @@ int main() {
   pid_t host = palvin::bench::startHostApp(container, {"--watch"});
   // The FIFO is made once the watch is on.
   const std::string fifo = container + "/notify/" + std::string(palvin::ids::kRequestNotificationName);
-  for (int i = 0; i < 1000 && !fs::exists(fifo); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  for (int i = 0; i < 1000 && !fs::exists(fifo); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
 
   auto claim = measure(container, requests, requests + "/processing");
   ::kill(host, SIGTERM);
@@ -85,11 +86,12 @@ int main() {
   auto floor = measure(root.path, root.path + "/bare", root.path + "/bare");
 
   std::printf("%d requests, one at a time, rename into requests/ -> claim (microseconds):\n", kRequests);
-  std::printf("  host app --watch   p50 %8.1f  p99 %8.1f  max %8.1f\n", percentile(claim, 0.5), percentile(claim, 0.99),
-              claim.back());
-  std::printf("  bare inotify floor p50 %8.1f  p99 %8.1f  max %8.1f\n", percentile(floor, 0.5), percentile(floor, 0.99),
-              floor.back());
-  std::printf("p99 %.2f ms (goal <= 10 ms); ratio to the floor: p50 %.1f, p99 %.1f\n", percentile(claim, 0.99) / 1000,
-              percentile(claim, 0.5) / percentile(floor, 0.5), percentile(claim, 0.99) / percentile(floor, 0.99));
+  std::printf("  host app --watch   p50 %8.1f  p99 %8.1f  max %8.1f\n", percentile(claim, 0.5),
+              percentile(claim, 0.99), claim.back());
+  std::printf("  bare inotify floor p50 %8.1f  p99 %8.1f  max %8.1f\n", percentile(floor, 0.5),
+              percentile(floor, 0.99), floor.back());
+  std::printf("p99 %.2f ms (goal <= 10 ms); ratio to the floor: p50 %.1f, p99 %.1f\n",
+              percentile(claim, 0.99) / 1000, percentile(claim, 0.5) / percentile(floor, 0.5),
+              percentile(claim, 0.99) / percentile(floor, 0.99));
   return 0;
 }

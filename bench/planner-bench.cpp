@@ -1,6 +1,5 @@
 // What planning a menu costs next to what the Finder already pays for the
 // selection: one stat() per selected file. Prints plan/stat ratios at the end.
-#include "ratio_reporter.h"
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -17,6 +16,7 @@
 
 #include "planner/menu_planner.h"
 #include "platform/linux_text.h"
+#include "ratio_reporter.h"
 
 namespace {
 
@@ -130,7 +130,8 @@ const palvin::TextRules* gText = nullptr;
 std::vector<FileInput> inputsFor(const std::vector<std::string>& paths) {
   std::vector<FileInput> inputs;
   inputs.reserve(paths.size());
-  for (const std::string& path : paths) inputs.push_back(palvin::FinderMenuPlanner::fileInputForPath(path, *gText));
+  for (const std::string& path : paths)
+    inputs.push_back(palvin::FinderMenuPlanner::fileInputForPath(path, *gText));
   return inputs;
 }
 
@@ -148,7 +149,8 @@ void BM_Stat(benchmark::State& state) {
 
 void BM_Plan(benchmark::State& state) {
   const std::vector<FileInput> inputs = inputsFor(gFiles->paths());
-  if (!palvin::FinderMenuPlanner::plan(*gCatalogue, inputs, *gText)) state.SkipWithError("no plan for the selection");
+  if (!palvin::FinderMenuPlanner::plan(*gCatalogue, inputs, *gText))
+    state.SkipWithError("no plan for the selection");
   for (auto _ : state) {
     auto plan = palvin::FinderMenuPlanner::plan(*gCatalogue, inputs, *gText);
     benchmark::DoNotOptimize(plan);

@@ -64,5 +64,4 @@ inline void printRatio(const RecordingReporter& reporter, const char* name, cons
               real / baseReal, real * 1e6, baseReal * 1e6, cpu / baseCpu, cpu * 1e6, baseCpu * 1e6);
 }
 
-
 }  // namespace palvin::bench

@@ -87,7 +87,7 @@ void BM_SyncAppend(benchmark::State& state) {
   const std::string path = gContainer + "/sync-append.log";
   for (auto _ : state) {
     std::string line = palvin::FinderLog::formatLine(std::chrono::system_clock::now(),
-                                                      palvin::FinderLog::Level::info, kMessage);
+                                                     palvin::FinderLog::Level::info, kMessage);
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     lseek(fd, 0, SEEK_END);
     benchmark::DoNotOptimize(write(fd, line.data(), line.size()));

@@ -3,7 +3,7 @@
 set -euo pipefail
 
 packages=(
-  cmake make g++ clang libclang-rt-14-dev git pkg-config
+  cmake make g++ clang clang-format libclang-rt-14-dev git pkg-config
   libsimdjson-dev libicu-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev python3
   # The Apple build's checks: Ninja, the LLVM tools that read Mach-O, libc++

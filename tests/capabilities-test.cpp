@@ -216,9 +216,13 @@ TEST(CapabilitiesEncode, FieldOrderSortedKeysLayoutAndRoundTrip) {
   // Whatever the strings hold, in every field and key, decoding gives back what was encoded.
   std::string controls;
   for (char ch = 0; ch < 0x20; ++ch) controls += ch;
-  const FinderCapabilities odd{kMin, controls + "\x7F", {{"\u2028", "\"q\" \\ b\\s", "a/b"}},
-                               {{"\t", "\"", "\\", "</script>"}}, {{"\"\\\n", "\U0010FFFF"}},
-                               {{"\\", {"", "a\"b"}}}, "caf\u00e9 \U0001F600"};
+  const FinderCapabilities odd{kMin,
+                               controls + "\x7F",
+                               {{"\u2028", "\"q\" \\ b\\s", "a/b"}},
+                               {{"\t", "\"", "\\", "</script>"}},
+                               {{"\"\\\n", "\U0010FFFF"}},
+                               {{"\\", {"", "a\"b"}}},
+                               "caf\u00e9 \U0001F600"};
   std::vector<Case> cases;
   for (const FinderCapabilities& record : {base(), odd, FinderCapabilities{}}) {
     for (bool pretty : {false, true}) cases.push_back({record.encode(pretty), "", record});

@@ -22,8 +22,8 @@
 #include "platform/linux_platform.h"
 #include "requests/request.h"
 #include "requests/request_sender.h"
-#include "shared/json_writer.h"
 #include "services/log.h"
+#include "shared/json_writer.h"
 #include "support/temp_dir.h"
 
 extern char** environ;
@@ -111,7 +111,8 @@ void checkLog(const std::string& log, std::set<std::string>& torn) {
     const std::string line = log.substr(start, end == std::string::npos ? std::string::npos : end - start);
     const std::string shown = json::toValidUtf8(line.substr(0, 160));
     if (end == std::string::npos) {
-      EXPECT_EQ(log.size() % kPageSize, 0u) << "the log ends inside a line, not at a page boundary: " << shown;
+      EXPECT_EQ(log.size() % kPageSize, 0u)
+          << "the log ends inside a line, not at a page boundary: " << shown;
       torn.insert(line);
       return;
     }

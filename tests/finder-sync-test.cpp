@@ -168,7 +168,8 @@ TEST(FinderSyncSession, LogFromLaunchToRequestStalePicksFallbackAndMounts) {
   w.fake.volumes = std::nullopt;
   w.fake.simulateVolumeChange();
 
-  const Lines requests = w.fake.filesUnder("/container/requests");  // full paths; the log names the file alone
+  const Lines requests =
+      w.fake.filesUnder("/container/requests");  // full paths; the log names the file alone
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(FinderConversionRequest::decode(w.fake.file(requests[0])->content).value(),
             (FinderConversionRequest{"jpeg", files}));
@@ -188,7 +189,8 @@ TEST(FinderSyncSession, LogFromLaunchToRequestStalePicksFallbackAndMounts) {
   EXPECT_EQ(w.fake.monitoredHistory(), (std::vector<Lines>{{"/", "/mnt/a", "/mnt/b"}, {"/"}}));
   // The first set is published before mounts are watched.
   Lines events = w.fake.events();
-  std::erase_if(events, [](const std::string& e) { return !e.starts_with("monitor") && !e.starts_with("observe"); });
+  std::erase_if(events,
+                [](const std::string& e) { return !e.starts_with("monitor") && !e.starts_with("observe"); });
   EXPECT_EQ(events, (Lines{"monitor 3", "observe volumes", "monitor 1"}));
 }
 

@@ -5,13 +5,12 @@
 #include <sys/stat.h>
 #include <zlib.h>
 
-#include <vips/vips8>
-
 #include <chrono>
 #include <filesystem>
 #include <future>
 #include <regex>
 #include <thread>
+#include <vips/vips8>
 
 #include "requests/conversion_result.h"
 #include "requests/request.h"
@@ -47,7 +46,10 @@ bool waitFor(const std::function<bool()>& done) {
 std::string writeImage(const TempDir& dir, const std::string& name, int width, int height) {
   std::string path = dir.file(name);
   fs::create_directories(fs::path(path).parent_path());
-  vips::VImage::gaussnoise(width, height).bandjoin({vips::VImage::xyz(width, height)}).cast(VIPS_FORMAT_UCHAR).write_to_file(path.c_str());
+  vips::VImage::gaussnoise(width, height)
+      .bandjoin({vips::VImage::xyz(width, height)})
+      .cast(VIPS_FORMAT_UCHAR)
+      .write_to_file(path.c_str());
   return path;
 }
 
@@ -95,7 +97,8 @@ TEST(HostApp, PicksWebPForTwoPngsAndAJpegThroughTheToolAndGetsRealWebpFiles) {
   dir.write("container/capabilities.json", readText(kExample));
   // The host app replaces a catalogue that differs from its own; its own
   // passes the check, with or without ffmpeg, and is not rewritten when equal.
-  for (const std::string& path : {std::string("PATH=/nonexistent"), "PATH=" + std::string(std::getenv("PATH"))}) {
+  for (const std::string& path :
+       {std::string("PATH=/nonexistent"), "PATH=" + std::string(std::getenv("PATH"))}) {
     ASSERT_EQ(runHost(container, {path}).exitCode, 0);
     auto check = testing::runTool({"check", catalogue});
     EXPECT_EQ(check.exitCode, 0) << check.out;
@@ -106,7 +109,8 @@ TEST(HostApp, PicksWebPForTwoPngsAndAJpegThroughTheToolAndGetsRealWebpFiles) {
   ASSERT_EQ(runHost(container).exitCode, 0);
   EXPECT_EQ(fs::last_write_time(catalogue), installed);
 
-  std::vector<std::string> files = {writeImage(dir, "Files/a.png", 64, 48), writeImage(dir, "Files/b.png", 30, 20),
+  std::vector<std::string> files = {writeImage(dir, "Files/a.png", 64, 48),
+                                    writeImage(dir, "Files/b.png", 30, 20),
                                     writeImage(dir, "Files/c.jpg", 50, 40)};
   dir.write("Files/a.webp", "mine");  // never overwritten: a's output is "a 2.webp"
   std::vector<std::string> args = {"menu", "--container", container};
@@ -121,14 +125,17 @@ TEST(HostApp, PicksWebPForTwoPngsAndAJpegThroughTheToolAndGetsRealWebpFiles) {
   ASSERT_EQ(run.exitCode, 0) << run.err;
   std::smatch request;
   ASSERT_TRUE(std::regex_search(run.out, request, std::regex("Wrote request (\\S+\\.json)"))) << run.out;
-  ASSERT_TRUE(waitFor([&] { return resultOf(container, request[1]).count(Status::pending) == 0 &&
-                                   !fs::exists(container + "/requests/processing/" + request[1].str()); }));
+  ASSERT_TRUE(waitFor([&] {
+    return resultOf(container, request[1]).count(Status::pending) == 0 &&
+           !fs::exists(container + "/requests/processing/" + request[1].str());
+  }));
 
   const std::string at = dir.file("Files/");
   EXPECT_EQ(resultOf(container, request[1]),
-            (FinderConversionResult{"webp", {{files[0], Status::converted, at + "a 2.webp", ""},
-                                             {files[1], Status::converted, at + "b.webp", ""},
-                                             {files[2], Status::converted, at + "c.webp", ""}}}));
+            (FinderConversionResult{"webp",
+                                    {{files[0], Status::converted, at + "a 2.webp", ""},
+                                     {files[1], Status::converted, at + "b.webp", ""},
+                                     {files[2], Status::converted, at + "c.webp", ""}}}));
   expectWebp(at + "a 2.webp", 64, 48);
   expectWebp(at + "b.webp", 30, 20);
   expectWebp(at + "c.webp", 50, 40);
@@ -142,7 +149,8 @@ TEST(HostApp, ConvertsRealFilesAndRefusesUntrustedOnesOneByOne) {
   TempDir dir, elsewhere;
   const std::string container = dir.file("container"), files = dir.file("Files");
   const std::string png = writeImage(dir, "Files/fine.png", 40, 30), wav = writeWav(dir, "Files/tone.wav");
-  const std::string corrupt = dir.write("Files/corrupt.png", readText(writeImage(dir, "Files/whole.png", 300, 200)).substr(0, 3000));
+  const std::string corrupt =
+      dir.write("Files/corrupt.png", readText(writeImage(dir, "Files/whole.png", 300, 200)).substr(0, 3000));
   ::mkfifo((files + "/pipe.png").c_str(), 0600);
   fs::create_directory(files + "/folder.png");
   fs::create_symlink(writeImage(elsewhere, "real.png", 8, 8), files + "/link.png");
@@ -179,7 +187,8 @@ TEST(HostApp, ConvertsRealFilesAndRefusesUntrustedOnesOneByOne) {
     const auto& [path, source, outcome] = cases[i];
     const auto& file = result.files[i];
     EXPECT_EQ(file.status, outcome.ends_with(".webp") ? Status::converted : Status::failed) << path;
-    EXPECT_NE((file.outputPath.empty() ? file.error : file.outputPath).find(outcome), std::string::npos) << file.error;
+    EXPECT_NE((file.outputPath.empty() ? file.error : file.outputPath).find(outcome), std::string::npos)
+        << file.error;
     if (file.status == Status::converted) {
       EXPECT_EQ(fs::path(file.outputPath).parent_path(), files);
     }
@@ -190,21 +199,25 @@ TEST(HostApp, ConvertsRealFilesAndRefusesUntrustedOnesOneByOne) {
 
   auto sound = resultOf(container, "sound.json");
   ASSERT_EQ(sound.count(Status::converted), 1u) << sound.files.at(0).error;
-  auto probe = testing::runProgram("/usr/bin/ffprobe", {"-v", "error", "-show_entries", "format=format_name,duration",
-                                                        "-of", "csv=p=0", sound.files[0].outputPath});
+  auto probe =
+      testing::runProgram("/usr/bin/ffprobe", {"-v", "error", "-show_entries", "format=format_name,duration",
+                                               "-of", "csv=p=0", sound.files[0].outputPath});
   EXPECT_TRUE(std::regex_match(probe.out, std::regex("mp3,1\\.[01]\\d*\n"))) << probe.out << probe.err;
-  EXPECT_EQ(resultOf(container, "unknown.json").files.at(0).error, "this host app does not convert png to exe");
+  EXPECT_EQ(resultOf(container, "unknown.json").files.at(0).error,
+            "this host app does not convert png to exe");
   EXPECT_EQ(readText(container + "/requests/failed/bad.json"), R"({"targetFormatId":1,"files":[]})");
   EXPECT_EQ(readText(container + "/requests/.AB12.json"), "{");
   // The torn line is ended before the next one; the failures are logged.
   const std::string log = readText(container + "/host-app.log");
   EXPECT_TRUE(std::regex_search(log, std::regex("^[^\n]*torn by a ki\n\\d{4}-\\d\\d-\\d\\dT"))) << log;
-  EXPECT_TRUE(std::regex_search(log, std::regex("\\[ERROR\\] Rejected request bad\\.json: targetFormatId"))) << log;
+  EXPECT_TRUE(std::regex_search(log, std::regex("\\[ERROR\\] Rejected request bad\\.json: targetFormatId")))
+      << log;
 
   auto listing = testing::runTool({"requests", "--container", container}, {"NO_COLOR=1"});
   EXPECT_EQ(listing.exitCode, 0);
   EXPECT_NE(listing.out.find("3 result document(s)"), std::string::npos) << listing.out;
-  EXPECT_NE(listing.out.find("/dev/null  failed: a device, not a regular file\n"), std::string::npos) << listing.out;
+  EXPECT_NE(listing.out.find("/dev/null  failed: a device, not a regular file\n"), std::string::npos)
+      << listing.out;
 }
 
 std::string requestOfImages(const TempDir& dir, const std::string& folder, int count) {
@@ -222,17 +235,19 @@ TEST(HostApp, KilledOrStoppedInstancesLoseNothing) {
   const std::string container = dir.file("container"), requests = container + "/requests";
   dir.write("container/requests/Killed.json", requestOfImages(dir, "Killed", 40));
   std::atomic<int> pid{0};
-  auto killed = std::async(std::launch::async, [&] { return runHost(container, {}, [&](int p) { pid = p; }); });
+  auto killed =
+      std::async(std::launch::async, [&] { return runHost(container, {}, [&](int p) { pid = p; }); });
   ASSERT_TRUE(waitFor([&] { return resultOf(container, "Killed.json").count(Status::converted) > 0; }));
   ::kill(pid, SIGKILL);
   EXPECT_EQ(killed.get().exitCode, 128 + SIGKILL);
   ASSERT_TRUE(fs::exists(requests + "/processing/Killed.json"));
 
   // A watching instance takes the abandoned claim over, then one that arrives.
-  auto watching =
-      std::async(std::launch::async, [&] { return runHost(container, {}, [&](int p) { pid = p; }, {"--watch"}); });
+  auto watching = std::async(std::launch::async,
+                             [&] { return runHost(container, {}, [&](int p) { pid = p; }, {"--watch"}); });
   ASSERT_TRUE(waitFor([&] { return resultOf(container, "Killed.json").count(Status::pending) == 0; }));
-  fs::rename(dir.write("container/.stopped", requestOfImages(dir, "Stopped", 40)), requests + "/Stopped.json");
+  fs::rename(dir.write("container/.stopped", requestOfImages(dir, "Stopped", 40)),
+             requests + "/Stopped.json");
   ASSERT_TRUE(waitFor([&] { return resultOf(container, "Stopped.json").count(Status::converted) > 0; }));
   ::kill(pid, SIGTERM);
   EXPECT_EQ(watching.get().exitCode, 0);
@@ -240,7 +255,9 @@ TEST(HostApp, KilledOrStoppedInstancesLoseNothing) {
   EXPECT_GT(resultOf(container, "Stopped.json").count(Status::pending), 0u);
 
   // Two instances finish it and take twenty more, each exactly once.
-  for (int i = 0; i < 20; ++i) dir.write("container/requests/Race" + std::to_string(i) + ".json", requestOfImages(dir, "Race" + std::to_string(i), 1));
+  for (int i = 0; i < 20; ++i)
+    dir.write("container/requests/Race" + std::to_string(i) + ".json",
+              requestOfImages(dir, "Race" + std::to_string(i), 1));
   auto second = std::async(std::launch::async, [&] { return runHost(container); });
   EXPECT_EQ(runHost(container).exitCode, 0);
   EXPECT_EQ(second.get().exitCode, 0);
@@ -256,7 +273,8 @@ TEST(HostApp, KilledOrStoppedInstancesLoseNothing) {
   EXPECT_TRUE(fs::is_empty(requests + "/processing"));
   // A result written when the SIGKILL came may leave its temporary file.
   EXPECT_EQ(filesEndingIn(container + "/results", ".json"), 22u);
-  EXPECT_NE(readText(container + "/host-app.log").find("[WARN] Recovered request Killed.json"), std::string::npos);
+  EXPECT_NE(readText(container + "/host-app.log").find("[WARN] Recovered request Killed.json"),
+            std::string::npos);
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <random>
-
-#include <gtest/gtest.h>
 
 #include "host/image_catalogue.h"
 #include "requests/output_file.h"
@@ -41,12 +40,15 @@ TEST(HostCatalogue, ExactlyWhatImageIOReadsAndWrites) {
   const std::vector<std::string> writable{"wo", "jpeg", "png"};
   using Targets = std::vector<std::string>;
   EXPECT_EQ(c.conversions, (std::unordered_map<std::string, Targets>{{"com.example.raw", writable},
-                                                                      {"webp", writable},
-                                                                      {"jpeg", {"wo", "png"}},
-                                                                      {"png", {"wo", "jpeg"}}}));
-  EXPECT_EQ(c.extensionToFormatId, (std::unordered_map<std::string, std::string>{
-                                       {"raw", "com.example.raw"}, {"webp", "webp"}, {"jpeg", "jpeg"},
-                                       {"jpg", "jpeg"}, {"jpe", "jpeg"}, {"png", "png"}}));
+                                                                     {"webp", writable},
+                                                                     {"jpeg", {"wo", "png"}},
+                                                                     {"png", {"wo", "jpeg"}}}));
+  EXPECT_EQ(c.extensionToFormatId, (std::unordered_map<std::string, std::string>{{"raw", "com.example.raw"},
+                                                                                 {"webp", "webp"},
+                                                                                 {"jpeg", "jpeg"},
+                                                                                 {"jpg", "jpeg"},
+                                                                                 {"jpe", "jpeg"},
+                                                                                 {"png", "png"}}));
   EXPECT_EQ(catalogue.typeByFormatId.at("jpeg"), "public.jpeg");
   EXPECT_EQ(catalogue.typeByFormatId.count("png2"), 0u);
 

@@ -62,7 +62,8 @@ TEST_F(HostileInput, OddFilesGiveTheFallbackItemAndTheirExactReason) {
     std::string reason;
   };
   const Case cases[] = {
-      {"a FIFO without a writer", [](auto& p) { return ::mkfifo(p.c_str(), 0600); }, "is a FIFO, not a regular file"},
+      {"a FIFO without a writer", [](auto& p) { return ::mkfifo(p.c_str(), 0600); },
+       "is a FIFO, not a regular file"},
       {"a link to /dev/zero", [](auto& p) { return ::symlink("/dev/zero", p.c_str()); },
        "is a character device, not a regular file"},
       {"a directory", [](auto& p) { return ::mkdir(p.c_str(), 0700); }, "is a directory, not a regular file"},
@@ -73,7 +74,8 @@ TEST_F(HostileInput, OddFilesGiveTheFallbackItemAndTheirExactReason) {
        },
        "is 65.0 MiB, larger than the 64 MiB limit"},
       // A dangling link has a date of its own, so it is not a missing file.
-      {"a dangling link", [](auto& p) { return ::symlink("gone.json", p.c_str()); }, "No such file or directory"},
+      {"a dangling link", [](auto& p) { return ::symlink("gone.json", p.c_str()); },
+       "No such file or directory"},
   };
   writeText(catalogue, example);
   const timespec old[2] = {{1700000000, 0}, {1700000000, 0}};  // no odd file can share its date

@@ -58,7 +58,9 @@ class Linux : public ::testing::Test {
     for (const auto& e : savedEnv) ::setenv(e.substr(0, e.find('=')).c_str(), e.c_str() + e.find('=') + 1, 1);
   }
   std::string at(std::string_view name) const { return dir / name; }
-  std::size_t entries() const { return std::distance(fs::directory_iterator(dir.str()), fs::directory_iterator()); }
+  std::size_t entries() const {
+    return std::distance(fs::directory_iterator(dir.str()), fs::directory_iterator());
+  }
   static void setEnv(const char* name, const char* to) { to ? ::setenv(name, to, 1) : ::unsetenv(name); }
 
   testing::TempDir dir;
@@ -87,7 +89,8 @@ TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemAndLinksToTheNanosecond) {
   const timespec times[2] = {{1, 0}, {1700000000, 123456789}}, linkTimes[2] = {{1, 0}, {1600000000, 1}};
   ASSERT_EQ(::utimensat(AT_FDCWD, at("data").c_str(), times, 0), 0);
   ASSERT_EQ(::utimensat(AT_FDCWD, at("link").c_str(), linkTimes, AT_SYMLINK_NOFOLLOW), 0);
-  EXPECT_EQ(platform.modificationDate(at("data")).value(), (ModificationDate{{1700000000, 123456789}, std::nullopt}));
+  EXPECT_EQ(platform.modificationDate(at("data")).value(),
+            (ModificationDate{{1700000000, 123456789}, std::nullopt}));
   EXPECT_EQ(platform.modificationDate(at("link")).value(),
             (ModificationDate{{1600000000, 1}, FileTime{1700000000, 123456789}}));
 }
@@ -174,8 +177,8 @@ TEST_F(Linux, OpenApplicationStartsAppRunWithActivationAndTheContainerInUse) {
   fs::permissions(appRun, fs::perms::owner_exec, fs::perm_options::add);
   using Case = std::tuple<bool, std::optional<std::string>, const char*, std::string>;
   for (const auto& [activates, option, variable, passed] :
-       {Case{true, at("C"), "/other", "--activate\n" + at("C")}, Case{false, std::nullopt, "/given", "/given"},
-        Case{false, std::nullopt, nullptr, "(unset)"}}) {
+       {Case{true, at("C"), "/other", "--activate\n" + at("C")},
+        Case{false, std::nullopt, "/given", "/given"}, Case{false, std::nullopt, nullptr, "(unset)"}}) {
     fs::remove(record);
     setEnv("PALVIN_SHARED_CONTAINER", variable);
     LinuxPlatform launcher({.container = option});
@@ -268,7 +271,8 @@ TEST_F(Linux, MountEventsReachEveryLiveObserverInAPrivateNamespace) {
       return std::find(dirs.begin(), dirs.end(), mountPoint) != dirs.end();
     };
     auto waitFor = [](auto condition) {
-      for (int i = 0; i < 500 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      for (int i = 0; i < 500 && !condition(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
       return condition();
     };
     if (monitored()) fail(1, "the mount point was monitored before the mount");
@@ -276,15 +280,18 @@ TEST_F(Linux, MountEventsReachEveryLiveObserverInAPrivateNamespace) {
       fail(77, std::string("mounting a tmpfs: ") + std::strerror(errno));
     if (!waitFor(monitored)) fail(1, "the surviving controller did not refresh on a mount");
     if (::umount(mountPoint.c_str()) != 0) fail(1, std::string("umount: ") + std::strerror(errno));
-    if (!waitFor([&] { return !monitored(); })) fail(1, "the surviving controller did not refresh on an unmount");
+    if (!waitFor([&] { return !monitored(); }))
+      fail(1, "the surviving controller did not refresh on an unmount");
     if (!waitFor([&] { return kept >= 2; })) fail(1, "an observer kept by another's stop missed an event");
-    if (stoppedInside != 1) fail(1, "stopped inside its handler, yet called " + std::to_string(stoppedInside) + " times");
+    if (stoppedInside != 1)
+      fail(1, "stopped inside its handler, yet called " + std::to_string(stoppedInside) + " times");
     ::_exit(0);
   }
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status)) << "the child ended by signal " << WTERMSIG(status);
-  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here (the error output says why)";
+  if (WEXITSTATUS(status) == 77)
+    GTEST_SKIP() << "no private mount namespace here (the error output says why)";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "the error output says why";
 }
 

@@ -65,7 +65,8 @@ TEST(LogStress, ConcurrentLinesStayWholeAndInOrderAcrossTrims) {
     next[thread] = n + 1;
   }
   ASSERT_FALSE(next.empty());
-  for (const auto& [thread, after] : next) EXPECT_EQ(after, kLinesPerThread) << "thread " << thread << "'s last line";
+  for (const auto& [thread, after] : next)
+    EXPECT_EQ(after, kLinesPerThread) << "thread " << thread << "'s last line";
 }
 
 }  // namespace

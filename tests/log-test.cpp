@@ -77,7 +77,8 @@ TEST_F(LogTest, LinesFollowInCallOrderAndTheUnifiedLogGetsWarnAndErrorAsError) {
 // is lost; an append past the threshold trims the file to its last bytes.
 TEST_F(LogTest, OneMoreLineEndsATornLineAndTrimsOnlyPastTheThreshold) {
   const std::string next = line("INFO", "next");
-  const std::string full = std::string(FinderLog::kTrimThreshold - next.size() - 1, 'x') + "\n", over = full + "y\n";
+  const std::string full = std::string(FinderLog::kTrimThreshold - next.size() - 1, 'x') + "\n",
+                    over = full + "y\n";
   for (const auto& [before, after] : std::vector<std::pair<std::string, std::string>>{
            {"", next},
            {"whole\n", "whole\n" + next},
@@ -113,7 +114,8 @@ TEST(LogOnDisk, AHugeLogIsStillTrimmedToItsLastBytes) {
 // afterwards starts it again and loses nothing.
 TEST_F(LogTest, ShutdownEndsTheWorkerAndALaterLineStartsItAgain) {
   auto threads = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), std::filesystem::directory_iterator());
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                         std::filesystem::directory_iterator());
   };
   FinderLog::log(Level::info, "one");
   FinderLog::flush();

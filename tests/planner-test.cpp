@@ -45,7 +45,8 @@ TEST(ExtensionForPath, LastComponentLowerCasedWithoutTheUsersLocale) {
       {"/a/x.ÍCI", "íci"}, {"/a/x.ΟΔΟΣ", "οδος"}, {"/a/x.A\xFF\x42", "a\xFF\x62"}, {"/a/x.\xC3", "\xC3"},
       {"/a/x.\xC3\x84\xED\xA0\x80Q", "\xC3\x84\xED\xA0\x80q"}}) {
     // clang-format on
-    EXPECT_EQ(FinderMenuPlanner::fileInputForPath(path, *linux_text::currentRules()), (FileInput{path, ext})) << path;
+    EXPECT_EQ(FinderMenuPlanner::fileInputForPath(path, *linux_text::currentRules()), (FileInput{path, ext}))
+        << path;
   }
 }
 
@@ -77,7 +78,8 @@ void expectPlans(const std::vector<PlanCase>& cases) {
     useLocale(c.locale);
     FinderCapabilities catalogue = sampleCatalogue();
     if (c.change) c.change(catalogue);
-    EXPECT_EQ(FinderMenuPlanner::plan(catalogue, c.inputs, *linux_text::currentRules()), c.expected) << c.name;
+    EXPECT_EQ(FinderMenuPlanner::plan(catalogue, c.inputs, *linux_text::currentRules()), c.expected)
+        << c.name;
   }
 }
 
@@ -133,7 +135,8 @@ TEST(MenuPlanner, StepsReportWhatThePlanLeavesOut) {
     Ids offeredNowhere;
     for (const auto* format : grouping.offeredNowhere) offeredNowhere.push_back(format->id);
     EXPECT_EQ(std::tie(found, dropped, grouping.unlisted, offeredNowhere, category.categoryCount),
-              std::tie(common, removed, unlisted, nowhere, categories)) << inputs[0].path;
+              std::tie(common, removed, unlisted, nowhere, categories))
+        << inputs[0].path;
   }
 }
 
@@ -191,7 +194,9 @@ TEST(MenuPlanner, RandomCataloguesMatchABruteForcePlan) {
         p.groups.push_back({category.id, category.label, category.icon, targets});
     }
     const bool offers = p.files.size() == inputs.size() && (!p.inlineTargets.empty() || !p.groups.empty());
-    ASSERT_EQ(FinderMenuPlanner::plan(c, inputs, *linux_text::currentRules()), offers ? std::optional(p) : std::nullopt) << round;
+    ASSERT_EQ(FinderMenuPlanner::plan(c, inputs, *linux_text::currentRules()),
+              offers ? std::optional(p) : std::nullopt)
+        << round;
     mixedPlans += offers && !p.inlineTargets.empty() && !p.groups.empty();
   }
   EXPECT_GT(mixedPlans, 60) << "the generator must exercise whole plans, not only refusals";
@@ -213,7 +218,8 @@ TEST(DisplayOrder, LocaleFromTheEnvironmentAndNameOrder) {
            {"C", "\xE1\xBA\xAD", "a\xCC\x82\xCC\xA3", 0}, {"sv_SE.UTF-8", "z", "ö", -1}, {"sv_SE.UTF-8", "Ö", "ö", 0}, {"xx_YY", "ö", "z", -1}}) {
     // clang-format on
     useLocale(locale);
-    EXPECT_EQ(std::clamp(linux_text::currentRules()->compareDisplayNames(a, b), -1, 1), order) << locale << ": " << a << " vs " << b;
+    EXPECT_EQ(std::clamp(linux_text::currentRules()->compareDisplayNames(a, b), -1, 1), order)
+        << locale << ": " << a << " vs " << b;
   }
 }
 

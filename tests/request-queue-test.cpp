@@ -1,10 +1,9 @@
 // FinderRequestQueue on a real container: files converted in parallel, a
 // claim held by a live instance left alone and taken over once released, a
 // stop that returns a request which a second queue then finishes.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -27,23 +26,27 @@ struct QueueRun {
 
   std::size_t process(const std::string& container, unsigned parallelism) {
     FinderRequestQueue* self = nullptr;
-    FinderRequestQueue queue(container, {.convert = [&](const FinderFileTask& task, const std::atomic<bool>&) {
-                                           std::size_t count;
-                                           {
-                                             std::lock_guard lock(mutex);
-                                             converted.push_back(task.file.path);
-                                             count = converted.size();
-                                           }
-                                           onFile(*self, count);
-                                           // Odd paths fail, even ones "convert" to their upper-case twin.
-                                           if (task.file.path.back() % 2 == 1) return FinderFileResult{{}, Status::failed, {}, "odd"};
-                                           return FinderFileResult{{}, Status::converted, task.file.path + ".OUT", {}};
-                                         },
-                                         .log = [&](FinderLog::Level, const std::string& message) {
-                                           std::lock_guard lock(mutex);
-                                           logged.push_back(message);
-                                         },
-                                         .parallelism = parallelism});
+    FinderRequestQueue queue(
+        container, {.convert =
+                        [&](const FinderFileTask& task, const std::atomic<bool>&) {
+                          std::size_t count;
+                          {
+                            std::lock_guard lock(mutex);
+                            converted.push_back(task.file.path);
+                            count = converted.size();
+                          }
+                          onFile(*self, count);
+                          // Odd paths fail, even ones "convert" to their upper-case twin.
+                          if (task.file.path.back() % 2 == 1)
+                            return FinderFileResult{{}, Status::failed, {}, "odd"};
+                          return FinderFileResult{{}, Status::converted, task.file.path + ".OUT", {}};
+                        },
+                    .log =
+                        [&](FinderLog::Level, const std::string& message) {
+                          std::lock_guard lock(mutex);
+                          logged.push_back(message);
+                        },
+                    .parallelism = parallelism});
     self = &queue;
     EXPECT_TRUE(queue.prepare().ok());
     return queue.processPending();
@@ -60,7 +63,8 @@ FinderConversionResult expected(const FinderConversionRequest& request) {
   FinderConversionResult out{request.targetFormatId, {}};
   for (const auto& file : request.files) {
     bool odd = file.path.back() % 2 == 1;
-    out.files.push_back({file.path, odd ? Status::failed : Status::converted, odd ? "" : file.path + ".OUT", odd ? "odd" : ""});
+    out.files.push_back({file.path, odd ? Status::failed : Status::converted, odd ? "" : file.path + ".OUT",
+                         odd ? "odd" : ""});
   }
   return out;
 }
@@ -80,7 +84,9 @@ TEST(RequestQueue, ConvertsInParallelRecoversReleasedClaimsAndResumesStoppedRequ
   QueueRun first;
   EXPECT_EQ(first.process(dir.path(), 4), 1u);
   EXPECT_EQ(first.converted.size(), 40u);
-  auto result = [&](const std::string& name) { return FinderConversionResult::decode(readText(dir.file("results/" + name))); };
+  auto result = [&](const std::string& name) {
+    return FinderConversionResult::decode(readText(dir.file("results/" + name)));
+  };
   EXPECT_EQ(*result("a.json"), expected(a));
   EXPECT_FALSE(std::filesystem::exists(dir.file("requests/processing/a.json")));
   EXPECT_TRUE(std::filesystem::exists(held));
@@ -94,7 +100,8 @@ TEST(RequestQueue, ConvertsInParallelRecoversReleasedClaimsAndResumesStoppedRequ
   };
   second.process(dir.path(), 3);
   EXPECT_EQ(*result("c.json"), expected(c));
-  EXPECT_EQ(second.logged.front(), "Recovered request c.json left in processing/ by an instance that stopped");
+  EXPECT_EQ(second.logged.front(),
+            "Recovered request c.json left in processing/ by an instance that stopped");
   EXPECT_TRUE(std::filesystem::exists(dir.file("requests/b.json")));
   const std::size_t done = 40 - result("b.json")->count(Status::pending);
   EXPECT_EQ(done, second.converted.size() - 10);  // every started file finished and was recorded
@@ -108,9 +115,10 @@ TEST(RequestQueue, ConvertsInParallelRecoversReleasedClaimsAndResumesStoppedRequ
 
 // The result document's decoder: as strict as the request's, with the status rules.
 TEST(ConversionResult, DecodesOnlyWhatItsEncoderCouldHaveWritten) {
-  const FinderConversionResult mixed{"webp", {{"/a/x.png", Status::converted, "/a/x.webp", ""},
-                                              {"/a/\xC3\xA9.png", Status::failed, "", "no \"luck\""},
-                                              {"/a/z.png", Status::pending, "", ""}}};
+  const FinderConversionResult mixed{"webp",
+                                     {{"/a/x.png", Status::converted, "/a/x.webp", ""},
+                                      {"/a/\xC3\xA9.png", Status::failed, "", "no \"luck\""},
+                                      {"/a/z.png", Status::pending, "", ""}}};
   EXPECT_EQ(*FinderConversionResult::decode(*mixed.encode()), mixed);
   // clang-format off
   for (const auto& [document, error] : std::vector<std::pair<std::string, std::string>>{

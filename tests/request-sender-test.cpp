@@ -87,7 +87,8 @@ TEST(RequestSender, LaunchOpensTheNearestAppWithinFiveCandidates) {
     FinderRequestSender().launchHostApp(true);
     const std::string message =
         host ? "Failed to launch host app: " + failure : "Could not resolve host app URL from " + bundle;
-    EXPECT_EQ(effects(fake), (host ? Lines{"open " + *host, "log " + message, "launch 10"} : Lines{"log " + message}))
+    EXPECT_EQ(effects(fake),
+              (host ? Lines{"open " + *host, "log " + message, "launch 10"} : Lines{"log " + message}))
         << bundle;
     EXPECT_EQ(fake.unifiedEntries(), (Logged{{UnifiedLogType::error, message}})) << bundle;
   }

@@ -110,10 +110,13 @@ TEST(Tool, EveryCommandPrintsExactlyThisAndExits) {
   // clang-format on
   for (const auto& [args, env, exitCode, out, err] : cases) {
     auto run = testing::runTool(args, env);
-    const std::string shown = args[0] == "menu" ? masked(run.out) : run.out;  // only the menu's log has times of now
-    EXPECT_EQ(std::tie(run.exitCode, shown, run.err), std::tie(exitCode, out, err)) << args[0] << " " << args.back();
+    const std::string shown =
+        args[0] == "menu" ? masked(run.out) : run.out;  // only the menu's log has times of now
+    EXPECT_EQ(std::tie(run.exitCode, shown, run.err), std::tie(exitCode, out, err))
+        << args[0] << " " << args.back();
   }
-  const std::string path = std::regex_replace(photo, std::regex("[/\"]"), "\\$&");  // every '/' and '"' escaped
+  const std::string path =
+      std::regex_replace(photo, std::regex("[/\"]"), "\\$&");  // every '/' and '"' escaped
   EXPECT_EQ(readText(fs::directory_iterator(c + "/cat/requests")->path()),
             R"({"targetFormatId":"jpeg","files":[{"path":")" + path + R"(","sourceFormatId":"png"}]})");
 }
@@ -147,9 +150,10 @@ TEST(Tool, WatchingShowsEachArrivalOnceThroughRenamesAndTrims) {
   watch.waitForEnd("(heic)\n");
   kill(watch.pid, SIGINT);
   EXPECT_EQ(watch.run.get().exitCode, 0);
-  EXPECT_EQ(watch.output(), "No requests yet: " + dir + " does not exist.\nWatching " + dir +
-                                " for new requests (Ctrl-C to stop).\n"
-                                "w.json  2026-03-01T10:00:07.000Z\n  to png, 1 file(s)\n    /a.heic  (heic)\n");
+  EXPECT_EQ(watch.output(),
+            "No requests yet: " + dir + " does not exist.\nWatching " + dir +
+                " for new requests (Ctrl-C to stop).\n"
+                "w.json  2026-03-01T10:00:07.000Z\n  to png, 1 file(s)\n    /a.heic  (heic)\n");
 
   // The log: its first line by rename, appends, then a trim like the extension's.
   const std::string log = container.file("finder-extension.log");

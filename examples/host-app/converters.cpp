@@ -94,7 +94,8 @@ FinderCapabilities ConverterTable::catalogue(std::string generatedAt) const {
   }
   for (const auto& category : kCategories) {
     if (categories.contains(category.id)) {
-      document.categories.push_back({std::string(category.id), std::string(category.label), std::string(category.icon)});
+      document.categories.push_back(
+          {std::string(category.id), std::string(category.label), std::string(category.icon)});
     }
   }
   return document;

@@ -7,7 +7,9 @@
 namespace palvin::host {
 namespace {
 
-std::string files(std::size_t n) { return std::to_string(n) + (n == 1 ? " file" : " files"); }
+std::string files(std::size_t n) {
+  return std::to_string(n) + (n == 1 ? " file" : " files");
+}
 
 }  // namespace
 

@@ -20,7 +20,8 @@ Status appendWholeLine(const std::string& path, std::string_view line) {
   std::string bytes;
   struct stat info {};
   char last = '\n';
-  if (::fstat(fd, &info) == 0 && info.st_size > 0 && ::pread(fd, &last, 1, info.st_size - 1) == 1 && last != '\n') {
+  if (::fstat(fd, &info) == 0 && info.st_size > 0 && ::pread(fd, &last, 1, info.st_size - 1) == 1 &&
+      last != '\n') {
     bytes.push_back('\n');
   }
   bytes.append(line);

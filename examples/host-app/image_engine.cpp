@@ -6,10 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <vips/vips8>
-
 #include <cerrno>
 #include <system_error>
+#include <vips/vips8>
 
 #include "converters.h"
 
@@ -51,9 +50,9 @@ vips::VImage toSaveable(vips::VImage image, std::string_view target) {
 void limitImageDecoders() {
   // Only the loaders this host app offers, whatever a file's bytes claim to be.
   vips_operation_block_set("VipsForeignLoad", TRUE);
-  for (const char* loader : {"VipsForeignLoadPng", "VipsForeignLoadJpeg", "VipsForeignLoadWebp",
-                             "VipsForeignLoadHeif", "VipsForeignLoadNsgif", "VipsForeignLoadTiff",
-                             "VipsForeignLoadPdf"}) {
+  for (const char* loader :
+       {"VipsForeignLoadPng", "VipsForeignLoadJpeg", "VipsForeignLoadWebp", "VipsForeignLoadHeif",
+        "VipsForeignLoadNsgif", "VipsForeignLoadTiff", "VipsForeignLoadPdf"}) {
     vips_operation_block_set(loader, FALSE);
   }
   // Every file is converted once: a cache only holds memory.
@@ -80,13 +79,14 @@ Status convertImage(const std::string& source, const Format& target, const std::
       vips_error_clear();
       return Error{"not an image this host app reads"};
     }
-    auto options = vips::VImage::option()->set("access", VIPS_ACCESS_SEQUENTIAL)->set("fail_on", VIPS_FAIL_ON_ERROR);
+    auto options =
+        vips::VImage::option()->set("access", VIPS_ACCESS_SEQUENTIAL)->set("fail_on", VIPS_FAIL_ON_ERROR);
     if (std::string_view(loader) == "pdfload_source") options->set("dpi", kPdfDpi);
     vips::VImage image = vips::VImage::new_from_source(input, "", options);
     double pixels = static_cast<double>(image.width()) * image.height();
     if (pixels > kMaxPixels) {
-      return Error{"image too large: " + std::to_string(image.width()) + " x " + std::to_string(image.height()) +
-                   " pixels (the limit is 100 megapixels)"};
+      return Error{"image too large: " + std::to_string(image.width()) + " x " +
+                   std::to_string(image.height()) + " pixels (the limit is 100 megapixels)"};
     }
     image = toSaveable(image, target.id);
     const char* path = output.c_str();
@@ -97,7 +97,8 @@ Status convertImage(const std::string& source, const Format& target, const std::
     } else if (target.id == "png") {
       image.pngsave(path);
     } else if (target.id == "heic") {
-      image.heifsave(path, vips::VImage::option()->set("Q", 60)->set("compression", VIPS_FOREIGN_HEIF_COMPRESSION_HEVC));
+      image.heifsave(
+          path, vips::VImage::option()->set("Q", 60)->set("compression", VIPS_FOREIGN_HEIF_COMPRESSION_HEVC));
     } else if (target.id == "gif") {
       image.gifsave(path);
     } else if (target.id == "tiff") {

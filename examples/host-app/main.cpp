@@ -18,17 +18,16 @@
 // with it, it keeps running and wakes when a request lands. SIGTERM or SIGINT
 // finish the files under way and put unfinished requests back.
 #include <fcntl.h>
+#include <palvin/identifiers.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <palvin/identifiers.h>
-#include <vips/vips8>
 
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <thread>
+#include <vips/vips8>
 
 #include "catalogue/capabilities.h"
 #include "catalogue/capability_store.h"
@@ -93,7 +92,8 @@ std::string buildTime() {
 // own table says what it can do (which changes with the build and with
 // ffmpeg being installed or removed). An equal document is left alone, so the
 // extension's cache, keyed by modification date, stays valid.
-void installCatalogue(Platform& platform, const HostLog& log, const ConverterTable& table, const std::string& container) {
+void installCatalogue(Platform& platform, const HostLog& log, const ConverterTable& table,
+                      const std::string& container) {
   std::string ours = table.catalogue(buildTime()).encode(/*pretty=*/true) + "\n";
   std::string installed = paths::join(container, CapabilityStore::kFileName);
   auto theirs = platform.readFile(installed);
@@ -134,14 +134,16 @@ void run(FinderRequestQueue& queue, const HostLog& log, bool watch, const std::s
     // Watching starts before the first look, so that nothing landing in
     // between is missed.
     std::string fifoProblem;
-    auto started = RequestWatch::start(queue.requestsDirectory(),
-                                       paths::join(paths::join(container, "notify"), ids::kRequestNotificationName),
-                                       stopPipe[0], &fifoProblem);
+    auto started =
+        RequestWatch::start(queue.requestsDirectory(),
+                            paths::join(paths::join(container, "notify"), ids::kRequestNotificationName),
+                            stopPipe[0], &fifoProblem);
     if (!started.ok()) {
       log.log(Level::error, "Cannot watch for requests: " + started.error());
       return;
     }
-    if (!fifoProblem.empty()) log.log(Level::warn, "No notification FIFO, watching the directory alone: " + fifoProblem);
+    if (!fifoProblem.empty())
+      log.log(Level::warn, "No notification FIFO, watching the directory alone: " + fifoProblem);
     watcher = std::move(*started);
   }
   for (;;) {
@@ -222,7 +224,8 @@ int main(int argc, char** argv) {
       }
     }
     std::string summary = notificationSummary(result, target->displayName);
-    if (auto problem = notifyDesktop(summary, body)) log.log(Level::warn, "Notification not shown: " + *problem);
+    if (auto problem = notifyDesktop(summary, body))
+      log.log(Level::warn, "Notification not shown: " + *problem);
     log.log(Level::debug, "Request " + name + " done: " + summary);
   };
   FinderRequestQueue queue(*container, queueOptions);

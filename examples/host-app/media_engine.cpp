@@ -30,7 +30,8 @@ std::vector<std::string> codecArguments(std::string_view target) {
   if (target == "wav") return {"-vn", "-c:a", "pcm_s16le"};
   if (target == "gif") return {"-an", "-vf", "fps=10,scale='min(480,iw)':-2:flags=lanczos", "-loop", "0"};
   // mp4, mov, mkv: H.264 and AAC, which every player takes.
-  return {"-c:v", "libx264", "-preset", "veryfast", "-crf", "23", "-pix_fmt", "yuv420p", "-c:a", "aac", "-b:a", "160k"};
+  return {"-c:v",     "libx264", "-preset", "veryfast", "-crf", "23",
+          "-pix_fmt", "yuv420p", "-c:a",    "aac",      "-b:a", "160k"};
 }
 
 // The demuxer that reads what the muxer of that name writes.
@@ -139,14 +140,16 @@ struct FfmpegOutput {
   void messageBytes(std::string_view bytes) {
     messages += bytes;
     if (duration < 0) {
-      if (auto at = messages.find("Duration: "); at != std::string::npos) duration = parseClock(messages.substr(at + 10));
+      if (auto at = messages.find("Duration: "); at != std::string::npos)
+        duration = parseClock(messages.substr(at + 10));
     }
     if (messages.size() > 8192) messages.erase(0, messages.size() - 4096);
   }
   // The last line ffmpeg said, which is the reason when it fails.
   std::string lastMessage() const {
     std::string_view text = messages;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' ')) text.remove_suffix(1);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+      text.remove_suffix(1);
     auto start = text.find_last_of('\n');
     return std::string(start == std::string_view::npos ? text : text.substr(start + 1));
   }
@@ -157,9 +160,10 @@ struct FfmpegOutput {
 Status convertMedia(const std::string& ffmpeg, const std::string& source, const Format& sourceFormat,
                     const Format& target, const std::string& output, const std::atomic<bool>& stopping,
                     const Progress& progress) {
-  std::vector<std::string> arguments = {"-nostdin", "-hide_banner", "-nostats", "-loglevel", "info", "-y",
-                                        "-progress", "pipe:1", "-f", std::string(demuxer(sourceFormat.ffmpegFormat)),
-                                        "-i", "file:" + source};
+  std::vector<std::string> arguments = {
+      "-nostdin", "-hide_banner",  "-nostats", "-loglevel", "info",
+      "-y",       "-progress",     "pipe:1",   "-f",        std::string(demuxer(sourceFormat.ffmpegFormat)),
+      "-i",       "file:" + source};
   for (auto& argument : codecArguments(target.id)) arguments.push_back(std::move(argument));
   for (std::string argument : {std::string("-f"), std::string(target.ffmpegFormat), "file:" + output}) {
     arguments.push_back(std::move(argument));

@@ -1,12 +1,11 @@
 // PDF to text with poppler's C++ API: every page in reading order, pages
 // separated by a form feed as pdftotext does.
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <poppler-document.h>
 #include <poppler-global.h>
 #include <poppler-page.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <memory>

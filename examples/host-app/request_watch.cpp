@@ -52,8 +52,9 @@ void drain(int fd) {
 
 }  // namespace
 
-Result<std::unique_ptr<RequestWatch>> RequestWatch::start(const std::string& requests, const std::string& fifo,
-                                                          int stopFd, std::string* fifoProblem) {
+Result<std::unique_ptr<RequestWatch>> RequestWatch::start(const std::string& requests,
+                                                          const std::string& fifo, int stopFd,
+                                                          std::string* fifoProblem) {
   int inotifyFd = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
   if (inotifyFd < 0) return Error{systemError("inotify", errno)};
   if (::inotify_add_watch(inotifyFd, requests.c_str(), kEvents) < 0) {
@@ -71,7 +72,8 @@ RequestWatch::~RequestWatch() {
 }
 
 Status RequestWatch::rewatch() {
-  if (::inotify_add_watch(inotifyFd_, requests_.c_str(), kEvents) < 0) return Error{systemError(requests_, errno)};
+  if (::inotify_add_watch(inotifyFd_, requests_.c_str(), kEvents) < 0)
+    return Error{systemError(requests_, errno)};
   return success();
 }
 

@@ -83,7 +83,6 @@ struct PathStep {
   }
 };
 
-
 // The members of an object that a record reads, found in one pass. A name that occurs more than
 // once keeps its last value, as Foundation's JSON decoding does; members with other names are
 // ignored.
@@ -118,7 +117,8 @@ class Decoder {
     return false;
   }
   bool mismatch(const PathStep& at, std::string_view expected, element found) {
-    return fail(at, "expected " + std::string(expected) + ", found " + std::string(json::typeName(found.type())));
+    return fail(at,
+                "expected " + std::string(expected) + ", found " + std::string(json::typeName(found.type())));
   }
   bool object(element e, const PathStep& at, simdjson::dom::object& out);
   bool array(element e, const PathStep& at, simdjson::dom::array& out);

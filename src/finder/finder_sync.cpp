@@ -3,8 +3,8 @@
 #include <unordered_set>
 
 #include "platform/platform.h"
-#include "shared/json_writer.h"
 #include "services/log.h"
+#include "shared/json_writer.h"
 #include "shared/text.h"
 
 namespace palvin {
@@ -19,9 +19,13 @@ FinderSync::FinderSync() {
   volumeObservation_ = platform.observeVolumeChanges([this] { volumesChanged(); });
 }
 
-FinderSync::~FinderSync() { currentPlatform().stopObservingVolumeChanges(volumeObservation_); }
+FinderSync::~FinderSync() {
+  currentPlatform().stopObservingVolumeChanges(volumeObservation_);
+}
 
-void FinderSync::volumesChanged() { refreshMonitoredDirectories(); }
+void FinderSync::volumesChanged() {
+  refreshMonitoredDirectories();
+}
 
 void FinderSync::refreshMonitoredDirectories() {
   Platform& platform = currentPlatform();
@@ -68,7 +72,8 @@ Menu FinderSync::menuForMenuKind(std::uint64_t menuKind) {
   // selection gets no Convert menu, as one unrecognised file withholds it.
   for (const auto& path : files) {
     if (!json::isValidUtf8(path)) {
-      FinderLog::log(Level::warn, "No Convert menu: a selected name is not valid UTF-8: " + json::toValidUtf8(path));
+      FinderLog::log(Level::warn,
+                     "No Convert menu: a selected name is not valid UTF-8: " + json::toValidUtf8(path));
       return top;
     }
   }
@@ -79,9 +84,11 @@ Menu FinderSync::menuForMenuKind(std::uint64_t menuKind) {
   inputs.reserve(fileCount);
   for (auto& path : files) inputs.push_back(FinderMenuPlanner::fileInputForPath(std::move(path), *text));
 
-  std::optional<FinderMenuPlanner::Plan> plan = FinderMenuPlanner::plan(*capabilities, std::move(inputs), *text);
+  std::optional<FinderMenuPlanner::Plan> plan =
+      FinderMenuPlanner::plan(*capabilities, std::move(inputs), *text);
   if (!plan) {
-    FinderLog::log(Level::debug, "No Convert menu for selection of " + std::to_string(fileCount) + " file(s)");
+    FinderLog::log(Level::debug,
+                   "No Convert menu for selection of " + std::to_string(fileCount) + " file(s)");
     return top;
   }
   pendingFiles_ = std::move(plan->files);
@@ -101,7 +108,8 @@ Menu FinderSync::menuForMenuKind(std::uint64_t menuKind) {
   return top;
 }
 
-void FinderSync::populateConvertMenu(Menu& submenu, const std::vector<FinderMenuPlanner::TargetItem>& inlineTargets,
+void FinderSync::populateConvertMenu(Menu& submenu,
+                                     const std::vector<FinderMenuPlanner::TargetItem>& inlineTargets,
                                      const std::vector<FinderMenuPlanner::CategoryGroup>& categories) {
   submenu.autoenablesItems = false;
   for (const auto& target : inlineTargets) addTargetItem(submenu, target);

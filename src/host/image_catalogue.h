@@ -16,12 +16,12 @@ namespace palvin::host {
 
 // One image type, as ImageIO and the type system describe it.
 struct ImageType {
-  std::string identifier;              // the uniform type identifier, "public.png"
-  std::string preferredExtension;      // "png"; empty when the type has none
+  std::string identifier;               // the uniform type identifier, "public.png"
+  std::string preferredExtension;       // "png"; empty when the type has none
   std::vector<std::string> extensions;  // every file name extension of the type
-  std::string description;             // "PNG image"
-  bool readable = false;               // ImageIO can decode it
-  bool writable = false;               // ImageIO can encode it
+  std::string description;              // "PNG image"
+  bool readable = false;                // ImageIO can decode it
+  bool writable = false;                // ImageIO can encode it
 };
 
 struct ImageCatalogue {

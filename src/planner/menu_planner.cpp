@@ -38,7 +38,8 @@ std::vector<TargetItem> sortedTargets(std::vector<const Format*>& formats, const
 // thousand files then copies none of them.
 template <class Inputs>
 std::optional<SourceFormats> sourceFormatsOf(const FinderCapabilities& capabilities, Inputs&& inputs) {
-  constexpr bool kMovePaths = !std::is_const_v<std::remove_reference_t<Inputs>> && std::is_rvalue_reference_v<Inputs&&>;
+  constexpr bool kMovePaths =
+      !std::is_const_v<std::remove_reference_t<Inputs>> && std::is_rvalue_reference_v<Inputs&&>;
   // A selection repeats few extensions: a run of one extension is looked up
   // once, and each mapping is checked for a new id once.
   SourceFormats result;

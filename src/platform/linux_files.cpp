@@ -17,7 +17,9 @@ namespace {
 [[maybe_unused]] const char* errorText(int result, const char* buffer) {
   return result == 0 ? buffer : "Unknown error";
 }
-[[maybe_unused]] const char* errorText(const char* result, const char*) { return result; }
+[[maybe_unused]] const char* errorText(const char* result, const char*) {
+  return result;
+}
 
 std::string kindDescription(mode_t mode) {
   if (S_ISDIR(mode)) return "is a directory";
@@ -105,7 +107,8 @@ class LinuxWritableFile : public WritableFile {
       std::string tail(static_cast<std::size_t>(size - start), '\0');
       std::size_t filled = 0;
       while (filled < tail.size()) {
-        ssize_t got = ::pread(fd_, tail.data() + filled, tail.size() - filled, static_cast<off_t>(start + filled));
+        ssize_t got =
+            ::pread(fd_, tail.data() + filled, tail.size() - filled, static_cast<off_t>(start + filled));
         if (got < 0) {
           if (errno == EINTR) continue;
           return Error{describe(path_, errno)};
@@ -169,7 +172,8 @@ unsigned processUmask() {
 
 Result<ModificationDate> modificationDate(const std::string& path) {
   auto timeOf = [](const struct stat& info) {
-    return FileTime{static_cast<std::int64_t>(info.st_mtim.tv_sec), static_cast<std::int64_t>(info.st_mtim.tv_nsec)};
+    return FileTime{static_cast<std::int64_t>(info.st_mtim.tv_sec),
+                    static_cast<std::int64_t>(info.st_mtim.tv_nsec)};
   };
   struct stat info {};
   if (::lstat(path.c_str(), &info) != 0) return Error{describe(path, errno)};

@@ -10,7 +10,8 @@ std::vector<std::string> lprojNames(std::string_view locale) {
   locale = locale.substr(0, locale.find_first_of(".@"));
   std::vector<std::string> names;
   auto add = [&](std::string name) {
-    if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end()) names.push_back(std::move(name));
+    if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end())
+      names.push_back(std::move(name));
   };
   if (locale != "C" && locale != "POSIX") {
     std::string_view language = locale.substr(0, locale.find('_'));

@@ -14,7 +14,9 @@
 namespace palvin::linux_mount_table {
 namespace {
 
-bool isOctal(char c) { return c >= '0' && c <= '7'; }
+bool isOctal(char c) {
+  return c >= '0' && c <= '7';
+}
 
 // The kernel writes space, tab, line feed and backslash in paths as \ooo.
 std::string decode(std::string_view field) {
@@ -23,7 +25,8 @@ std::string decode(std::string_view field) {
   for (std::size_t i = 0; i < field.size(); ++i) {
     if (field[i] == '\\' && i + 3 < field.size() && isOctal(field[i + 1]) && isOctal(field[i + 2]) &&
         isOctal(field[i + 3])) {
-      out.push_back(static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 + (field[i + 3] - '0')));
+      out.push_back(
+          static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 + (field[i + 3] - '0')));
       i += 3;
     } else {
       out.push_back(field[i]);
@@ -94,7 +97,9 @@ struct Watcher::State {
 
 Watcher::Watcher(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
-Watcher::~Watcher() { stop(); }
+Watcher::~Watcher() {
+  stop();
+}
 
 std::unique_ptr<Watcher> Watcher::start(std::function<void()> handler) {
   auto state = std::make_shared<State>();

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <palvin/identifiers.h>
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
@@ -11,8 +12,6 @@
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
-
-#include <palvin/identifiers.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -54,9 +53,12 @@ bool loggerListens() {
 
 int syslogPriority(UnifiedLogType type) {
   switch (type) {
-    case UnifiedLogType::debug: return LOG_DEBUG;
-    case UnifiedLogType::info: return LOG_INFO;
-    case UnifiedLogType::error: return LOG_ERR;
+    case UnifiedLogType::debug:
+      return LOG_DEBUG;
+    case UnifiedLogType::info:
+      return LOG_INFO;
+    case UnifiedLogType::error:
+      return LOG_ERR;
   }
   return LOG_ERR;
 }
@@ -139,7 +141,9 @@ std::vector<std::string> LinuxPlatform::monitoredDirectories() const {
   return monitored_;
 }
 
-std::chrono::system_clock::time_point LinuxPlatform::now() { return std::chrono::system_clock::now(); }
+std::chrono::system_clock::time_point LinuxPlatform::now() {
+  return std::chrono::system_clock::now();
+}
 
 // One rule for the extension, the tool and the host app: the extension hands
 // its container to the host app it starts in PALVIN_SHARED_CONTAINER, and
@@ -152,7 +156,8 @@ std::optional<std::string> LinuxPlatform::containerPath(std::string_view appGrou
   const char* data = std::getenv("XDG_DATA_HOME");
   if (data != nullptr && data[0] == '/') return paths::join(data, appGroupIdentifier);
   const char* home = std::getenv("HOME");
-  if (home != nullptr && home[0] != '\0') return paths::join(paths::join(home, ".local/share"), appGroupIdentifier);
+  if (home != nullptr && home[0] != '\0')
+    return paths::join(paths::join(home, ".local/share"), appGroupIdentifier);
   return std::nullopt;
 }
 
@@ -169,7 +174,9 @@ bool LinuxPlatform::systemLogListens() {
   return systemLogListens_;
 }
 
-bool LinuxPlatform::unifiedLogEnabled(UnifiedLogType) { return systemLogListens(); }
+bool LinuxPlatform::unifiedLogEnabled(UnifiedLogType) {
+  return systemLogListens();
+}
 
 void LinuxPlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
   if (!systemLogListens()) return;
@@ -182,7 +189,9 @@ void LinuxPlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
   ::syslog(syslogPriority(type), "%s", text.c_str());
 }
 
-std::shared_ptr<const TextRules> LinuxPlatform::textRules() { return linux_text::currentRules(); }
+std::shared_ptr<const TextRules> LinuxPlatform::textRules() {
+  return linux_text::currentRules();
+}
 
 // Any file type has a date; readFile is what refuses the ones it can't read,
 // so a directory in a file's place is reported rather than passed over.
@@ -198,7 +207,9 @@ Status LinuxPlatform::writeFileAtomically(const std::string& path, std::string_v
   return linux_files::writeFileAtomically(path, bytes);
 }
 
-Status LinuxPlatform::createDirectories(const std::string& path) { return linux_files::createDirectories(path); }
+Status LinuxPlatform::createDirectories(const std::string& path) {
+  return linux_files::createDirectories(path);
+}
 
 Result<std::unique_ptr<WritableFile>> LinuxPlatform::openForWriting(const std::string& path) {
   return linux_files::openForWriting(path);
@@ -245,7 +256,7 @@ std::string LinuxPlatform::bundlePath() {
 // thread reaps the child so that no zombie stays behind. Recent items have
 // no counterpart here; that setting is ignored.
 LinuxPlatform::LaunchCommand LinuxPlatform::launchCommand(const std::string& bundlePath,
-                                                         const OpenConfiguration& configuration) {
+                                                          const OpenConfiguration& configuration) {
   LaunchCommand command;
   command.program = paths::join(bundlePath, "AppRun");
   command.arguments = {command.program};
@@ -385,7 +396,8 @@ bool LinuxPlatform::hasSymbolImage(std::string_view name) {
 void LinuxPlatform::loadStrings() {
   if (!options_.stringsDirectory) return;
   for (const auto& name : linux_localization::lprojNames(linux_localization::messagesLocale())) {
-    std::string path = paths::join(paths::join(*options_.stringsDirectory, name + ".lproj"), "Localizable.strings");
+    std::string path =
+        paths::join(paths::join(*options_.stringsDirectory, name + ".lproj"), "Localizable.strings");
     auto bytes = linux_files::readFile(path, kMaxReadSize);
     if (!bytes.ok()) continue;
     // A table that does not parse is passed over like a missing one.

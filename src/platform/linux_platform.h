@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "platform/linux_mount_table.h"
-#include "platform/platform.h"
 #include "platform/linux_strings_file.h"
+#include "platform/platform.h"
 
 namespace palvin {
 

@@ -26,8 +26,12 @@ void appendUtf8(std::string& out, char32_t c) {
   }
 }
 
-bool isHighSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
-bool isLowSurrogate(char32_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
+bool isHighSurrogate(char32_t c) {
+  return c >= 0xD800 && c <= 0xDBFF;
+}
+bool isLowSurrogate(char32_t c) {
+  return c >= 0xDC00 && c <= 0xDFFF;
+}
 
 std::optional<std::string> utf16ToUtf8(std::string_view bytes, bool bigEndian) {
   if (bytes.size() % 2 != 0) return std::nullopt;
@@ -177,21 +181,38 @@ class Parser {
       flushHigh();
       if (e >= '0' && e <= '7') {
         char32_t code = static_cast<char32_t>(e - '0');
-        for (int digits = 1; digits < 3 && at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '7'; ++digits) {
+        for (int digits = 1; digits < 3 && at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '7';
+             ++digits) {
           code = code * 8 + static_cast<char32_t>(text_[at_++] - '0');
         }
         appendUtf8(out, code);
         continue;
       }
       switch (e) {
-        case 'n': out.push_back('\n'); break;
-        case 't': out.push_back('\t'); break;
-        case 'r': out.push_back('\r'); break;
-        case 'a': out.push_back('\a'); break;
-        case 'b': out.push_back('\b'); break;
-        case 'f': out.push_back('\f'); break;
-        case 'v': out.push_back('\v'); break;
-        default: out.push_back(e); break;  // \" \\ \' and any other character stand for themselves
+        case 'n':
+          out.push_back('\n');
+          break;
+        case 't':
+          out.push_back('\t');
+          break;
+        case 'r':
+          out.push_back('\r');
+          break;
+        case 'a':
+          out.push_back('\a');
+          break;
+        case 'b':
+          out.push_back('\b');
+          break;
+        case 'f':
+          out.push_back('\f');
+          break;
+        case 'v':
+          out.push_back('\v');
+          break;
+        default:
+          out.push_back(e);
+          break;  // \" \\ \' and any other character stand for themselves
       }
     }
     at_ = opening;

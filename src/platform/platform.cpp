@@ -9,9 +9,13 @@ namespace {
 std::atomic<Platform*> gPlatform{nullptr};
 }  // namespace
 
-void installPlatform(Platform* platform) { gPlatform.store(platform, std::memory_order_release); }
+void installPlatform(Platform* platform) {
+  gPlatform.store(platform, std::memory_order_release);
+}
 
-bool hasPlatform() { return gPlatform.load(std::memory_order_acquire) != nullptr; }
+bool hasPlatform() {
+  return gPlatform.load(std::memory_order_acquire) != nullptr;
+}
 
 Platform& currentPlatform() {
   Platform* platform = gPlatform.load(std::memory_order_acquire);
@@ -26,6 +30,8 @@ Platform& currentPlatform() {
 ScopedPlatform::ScopedPlatform(Platform& platform)
     : previous_(gPlatform.exchange(&platform, std::memory_order_acq_rel)) {}
 
-ScopedPlatform::~ScopedPlatform() { installPlatform(previous_); }
+ScopedPlatform::~ScopedPlatform() {
+  installPlatform(previous_);
+}
 
 }  // namespace palvin

@@ -37,8 +37,8 @@ std::string_view statusName(FileStatus status) {
 }
 
 std::size_t FinderConversionResult::count(FileStatus status) const {
-  return static_cast<std::size_t>(
-      std::count_if(files.begin(), files.end(), [status](const auto& file) { return file.status == status; }));
+  return static_cast<std::size_t>(std::count_if(
+      files.begin(), files.end(), [status](const auto& file) { return file.status == status; }));
 }
 
 Result<std::string> FinderConversionResult::encode() const {
@@ -103,7 +103,8 @@ Result<FinderConversionResult> FinderConversionResult::decode(std::string_view b
       }
       if (file.outputPath.empty()) return Error{at + ".outputPath: empty"};
     } else if (file.status == FileStatus::failed) {
-      if (auto read = readString(object, "error", at + ".error", file.error); !read) return Error{read.error()};
+      if (auto read = readString(object, "error", at + ".error", file.error); !read)
+        return Error{read.error()};
       if (file.error.empty()) return Error{at + ".error: empty"};
     }
     result.files.push_back(std::move(file));

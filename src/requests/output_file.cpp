@@ -13,7 +13,9 @@
 namespace palvin {
 namespace {
 
-std::string systemError(int errnum) { return std::generic_category().message(errnum); }
+std::string systemError(int errnum) {
+  return std::generic_category().message(errnum);
+}
 
 // Renames without replacing an existing file: renameat2 where the C library
 // has it (Linux), else a hard link, which fails the same way on an existing

@@ -179,7 +179,8 @@ std::string newRequestFileName() {
 }
 
 bool isRequestFileName(std::string_view name) {
-  return name.size() > kRequestFileExtension.size() && name.front() != '.' && name.ends_with(kRequestFileExtension);
+  return name.size() > kRequestFileExtension.size() && name.front() != '.' &&
+         name.ends_with(kRequestFileExtension);
 }
 
 Result<std::vector<std::string>> listRequestFileNames(const std::string& directory) {

@@ -28,7 +28,9 @@ std::string describe(std::string_view path, int errnum) {
   return std::string(path) + ": " + std::generic_category().message(errnum);
 }
 
-bool sameFile(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
+bool sameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
 
 Result<std::string> readAll(int fd, const std::string& path) {
   std::string bytes;
@@ -115,7 +117,8 @@ bool FinderRequestQueue::claim(const std::string& name, Claim& out) {
   out.fd = fd;
   out.name = name;
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) return false;
-  struct stat opened {}, current {};
+  struct stat opened {
+  }, current{};
   if (::fstat(fd, &opened) != 0 || ::lstat(waiting.c_str(), &current) != 0 || !sameFile(opened, current)) {
     return false;  // taken and finished by another instance meanwhile
   }
@@ -141,8 +144,10 @@ bool FinderRequestQueue::recoverAbandoned(std::size_t& handled, std::set<std::st
     claimed.recovered = true;
     claimed.fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
     if (claimed.fd < 0 || ::flock(claimed.fd, LOCK_EX | LOCK_NB) != 0) continue;
-    struct stat opened {}, current {};
-    if (::fstat(claimed.fd, &opened) != 0 || ::lstat(path.c_str(), &current) != 0 || !sameFile(opened, current)) {
+    struct stat opened {
+    }, current{};
+    if (::fstat(claimed.fd, &opened) != 0 || ::lstat(path.c_str(), &current) != 0 ||
+        !sameFile(opened, current)) {
       continue;  // finished and removed by its owner meanwhile
     }
     log(Level::warn, "Recovered request " + name + " left in processing/ by an instance that stopped");
@@ -201,11 +206,13 @@ void FinderRequestQueue::handle(Claim& claim) {
 FinderConversionResult FinderRequestQueue::priorResult(const std::string& name,
                                                        const FinderConversionRequest& request) {
   FinderConversionResult result{request.targetFormatId, {}};
-  for (const auto& file : request.files) result.files.push_back({file.path, FinderFileResult::Status::pending, {}, {}});
+  for (const auto& file : request.files)
+    result.files.push_back({file.path, FinderFileResult::Status::pending, {}, {}});
   auto bytes = currentPlatform().readFile(paths::join(results_, name));
   if (!bytes.ok()) return result;
   auto prior = FinderConversionResult::decode(*bytes);
-  if (!prior.ok() || prior->targetFormatId != result.targetFormatId || prior->files.size() != result.files.size()) {
+  if (!prior.ok() || prior->targetFormatId != result.targetFormatId ||
+      prior->files.size() != result.files.size()) {
     return result;
   }
   for (std::size_t i = 0; i < result.files.size(); ++i) {
@@ -238,7 +245,8 @@ void FinderRequestQueue::convertFiles(const std::string& name, const FinderConve
     }
     if (outcome.status == FinderFileResult::Status::failed && outcome.error.empty()) outcome.error = "failed";
     if (outcome.status == FinderFileResult::Status::failed) {
-      log(Level::error, "Cannot convert " + outcome.path + " to " + request.targetFormatId + ": " + outcome.error);
+      log(Level::error,
+          "Cannot convert " + outcome.path + " to " + request.targetFormatId + ": " + outcome.error);
     }
     std::lock_guard lock(mutex);
     result.files[index] = std::move(outcome);

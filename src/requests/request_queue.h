@@ -52,7 +52,8 @@ class FinderRequestQueue {
   // Converts one file: `converted` with the output path, `failed` with the
   // reason, or `pending` when it gave up because `stopping` became true. Called
   // from up to `parallelism` threads at once; must not throw.
-  using Converter = std::function<FinderFileResult(const FinderFileTask& task, const std::atomic<bool>& stopping)>;
+  using Converter =
+      std::function<FinderFileResult(const FinderFileTask& task, const std::atomic<bool>& stopping)>;
   using Logger = std::function<void(FinderLog::Level level, const std::string& message)>;
   // Called once a request has been handled in full, with its result.
   using Finished = std::function<void(const std::string& requestName, const FinderConversionResult& result)>;

@@ -6,6 +6,8 @@
 
 namespace palvin::FinderSharedContainer {
 
-std::optional<std::string> url() { return currentPlatform().containerPath(ids::kAppGroupIdentifier); }
+std::optional<std::string> url() {
+  return currentPlatform().containerPath(ids::kAppGroupIdentifier);
+}
 
 }  // namespace palvin::FinderSharedContainer

@@ -134,10 +134,13 @@ Queue& queue() {
 
 UnifiedLogType unifiedType(Level level) {
   switch (level) {
-    case Level::debug: return UnifiedLogType::debug;
-    case Level::info: return UnifiedLogType::info;
+    case Level::debug:
+      return UnifiedLogType::debug;
+    case Level::info:
+      return UnifiedLogType::info;
     case Level::warn:
-    case Level::error: return UnifiedLogType::error;
+    case Level::error:
+      return UnifiedLogType::error;
   }
   return UnifiedLogType::error;
 }
@@ -146,10 +149,14 @@ UnifiedLogType unifiedType(Level level) {
 
 std::string_view tag(Level level) {
   switch (level) {
-    case Level::debug: return "DEBUG";
-    case Level::info: return "INFO";
-    case Level::warn: return "WARN";
-    case Level::error: return "ERROR";
+    case Level::debug:
+      return "DEBUG";
+    case Level::info:
+      return "INFO";
+    case Level::warn:
+      return "WARN";
+    case Level::error:
+      return "ERROR";
   }
   return "ERROR";
 }
@@ -163,8 +170,8 @@ std::string formatTimestamp(std::chrono::system_clock::time_point when) {
   std::tm tm{};
   gmtime_r(&t, &tm);
   char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900, tm.tm_mon + 1,
-                tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(ms));
+  std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900,
+                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(ms));
   return buffer;
 }
 
@@ -186,14 +193,19 @@ void log(Level level, std::string_view message) {
     if (platform.unifiedLogEnabled(type)) platform.unifiedLog(type, message);
     auto container = FinderSharedContainer::url();
     if (!container) return;
-    queue().submit({&platform, paths::join(*container, kFileName), formatLine(platform.now(), level, message)});
+    queue().submit(
+        {&platform, paths::join(*container, kFileName), formatLine(platform.now(), level, message)});
   } catch (...) {
     // Logging never fails towards its caller.
   }
 }
 
-void flush() { queue().flush(); }
+void flush() {
+  queue().flush();
+}
 
-void shutdown() { queue().shutdown(); }
+void shutdown() {
+  queue().shutdown();
+}
 
 }  // namespace palvin::FinderLog

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <system_error>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <system_error>
 
 #include "shared/json_writer.h"
 
@@ -414,7 +414,8 @@ bool lastMember(simdjson::dom::object object, std::string_view key, simdjson::do
   return found;
 }
 
-Status readString(simdjson::dom::object object, std::string_view key, const std::string& path, std::string& out) {
+Status readString(simdjson::dom::object object, std::string_view key, const std::string& path,
+                  std::string& out) {
   simdjson::dom::element value;
   if (!lastMember(object, key, value)) return Error{path + ": missing"};
   std::string_view text;

@@ -30,6 +30,7 @@ Error wrongType(const std::string& path, const char* expected, simdjson::dom::el
 bool lastMember(simdjson::dom::object object, std::string_view key, simdjson::dom::element& value);
 
 // The required string member `key` of `object` into `out`; errors name `path`.
-Status readString(simdjson::dom::object object, std::string_view key, const std::string& path, std::string& out);
+Status readString(simdjson::dom::object object, std::string_view key, const std::string& path,
+                  std::string& out);
 
 }  // namespace palvin::json

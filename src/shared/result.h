@@ -15,7 +15,7 @@ struct Error {
 template <class T>
 class Result {
  public:
-  Result(T value) : state_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
+  Result(T value) : state_(std::move(value)) {}      // NOLINT(google-explicit-constructor)
   Result(Error error) : state_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
 
   bool ok() const { return state_.index() == 0; }
@@ -37,6 +37,8 @@ class Result {
 
 // The outcome of an operation that yields nothing on success.
 using Status = Result<std::monostate>;
-inline Status success() { return std::monostate{}; }
+inline Status success() {
+  return std::monostate{};
+}
 
 }  // namespace palvin

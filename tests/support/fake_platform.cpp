@@ -86,7 +86,9 @@ void FakePlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
   events_.push_back("log " + std::string(message));
 }
 
-std::shared_ptr<const TextRules> FakePlatform::textRules() { return linux_text::currentRules(); }
+std::shared_ptr<const TextRules> FakePlatform::textRules() {
+  return linux_text::currentRules();
+}
 
 Result<ModificationDate> FakePlatform::modificationDate(const std::string& path) {
   std::lock_guard lock(mutex_);

@@ -35,7 +35,7 @@ class FakePlatform : public Platform {
   std::string bundle = "/Applications/Palvin.app/Contents/PlugIns/PalvinFinder.appex";
   std::optional<std::vector<std::string>> selection;
   std::set<std::string> directories = {"/container"};  // paths that are directories
-  std::set<std::string> unknownDirectoryness;  // paths whose directory lookup fails
+  std::set<std::string> unknownDirectoryness;          // paths whose directory lookup fails
   std::optional<std::vector<std::string>> volumes = std::vector<std::string>{};
   std::map<std::string, std::string> defaults;
   std::set<std::string> symbols = {"photo", "doc.text", "film", "waveform"};
@@ -115,6 +115,5 @@ class FakePlatform : public Platform {
   int reads_ = 0;
   std::int64_t ticks_ = 0;
 };
-
 
 }  // namespace palvin::testing

@@ -18,7 +18,8 @@ struct ToolRun {
 // inherited environment: "NAME=value" sets NAME, "-NAME" removes it.
 // `started` receives the process id as soon as the program runs.
 ToolRun runProgram(const std::string& program, const std::vector<std::string>& args,
-                   const std::vector<std::string>& env = {}, const std::function<void(int pid)>& started = {});
+                   const std::vector<std::string>& env = {},
+                   const std::function<void(int pid)>& started = {});
 
 // runProgram with PALVIN_TOOL_PATH.
 ToolRun runTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});

@@ -18,8 +18,8 @@ int usageError(std::string_view command, std::string_view message) {
 }
 
 void addContainerOption(CLI::App& command, std::string& container, bool namedDir) {
-  auto* option =
-      command.add_option("--container", container, "shared container directory (default: $XDG_DATA_HOME/<app group>)");
+  auto* option = command.add_option("--container", container,
+                                    "shared container directory (default: $XDG_DATA_HOME/<app group>)");
   if (namedDir) option->type_name("DIR");
 }
 
@@ -32,7 +32,8 @@ void addTimeoutOption(CLI::App& command, std::optional<double>& timeout, CLI::Op
 
 void addCatalogueOptions(CLI::App& command, std::string& capabilities, std::string_view purpose,
                          std::vector<std::string>& paths, std::string_view pathsHelp) {
-  command.add_option("--capabilities", capabilities, "capabilities document to " + std::string(purpose))->required();
+  command.add_option("--capabilities", capabilities, "capabilities document to " + std::string(purpose))
+      ->required();
   command.add_option("paths", paths, std::string(pathsHelp))->required();
 }
 

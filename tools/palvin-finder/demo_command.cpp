@@ -5,8 +5,8 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <iostream>
+#include <sstream>
 #include <thread>
 
 #include "catalogue/capability_store.h"
@@ -119,8 +119,8 @@ Menu Demo::showMenu(FinderSync& finder, const std::vector<std::string>& names) {
 void Demo::showNewLogLines() {
   FinderLog::flush();
   if (auto added = log_.take(true); added.ok()) {
-    LogTail::forEachLine(added->text,
-                         [this](std::string_view line) { std::cout << style_.dim("  log │ ") << line << '\n'; });
+    LogTail::forEachLine(
+        added->text, [this](std::string_view line) { std::cout << style_.dim("  log │ ") << line << '\n'; });
   }
 }
 
@@ -135,14 +135,16 @@ std::vector<std::string> requestFiles(const std::string& directory) {
 
 std::uint32_t little(std::string_view bytes, std::size_t at, int count) {
   std::uint32_t value = 0;
-  for (int i = count - 1; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(bytes[at + static_cast<std::size_t>(i)]);
+  for (int i = count - 1; i >= 0; --i)
+    value = value << 8 | static_cast<unsigned char>(bytes[at + static_cast<std::size_t>(i)]);
   return value;
 }
 
 // What file(1) says of a WebP file, from the header's own fields: proof that
 // the output is a WebP image of the source's size, not a renamed file.
 std::string describeWebp(std::string_view bytes) {
-  if (bytes.size() < 30 || bytes.substr(0, 4) != "RIFF" || bytes.substr(8, 4) != "WEBP") return "not a WebP image";
+  if (bytes.size() < 30 || bytes.substr(0, 4) != "RIFF" || bytes.substr(8, 4) != "WEBP")
+    return "not a WebP image";
   std::string_view chunk = bytes.substr(12, 4);
   std::uint32_t width = 0, height = 0;
   std::string encoding;
@@ -168,7 +170,8 @@ std::string describeWebp(std::string_view bytes) {
 
 std::vector<RequestFile> Demo::readRequests() const {
   std::vector<RequestFile> out;
-  for (const auto& path : requestFiles(requestDirectory(container_))) out.push_back({path, readFileOrEmpty(path)});
+  for (const auto& path : requestFiles(requestDirectory(container_)))
+    out.push_back({path, readFileOrEmpty(path)});
   return out;
 }
 
@@ -177,8 +180,9 @@ std::vector<RequestFile> Demo::readRequests() const {
 // which it does once the results are written, and show them.
 void Demo::followHostApp(const std::vector<RequestFile>& requests) {
   if (!platform_->launchedBundle) {
-    std::cout << style_.yellow("No host app around the tool (run build/<preset>/palvin-finder to have "
-                               "the sample host app take it); the request waits in requests/.")
+    std::cout << style_.yellow(
+                     "No host app around the tool (run build/<preset>/palvin-finder to have "
+                     "the sample host app take it); the request waits in requests/.")
               << '\n';
     return;
   }
@@ -192,11 +196,13 @@ void Demo::followHostApp(const std::vector<RequestFile>& requests) {
   // Done when no request waits or is being worked on, and every request
   // handed over has a result with an outcome for each file.
   auto finished = [&] {
-    if (!requestFiles(directory).empty() || !requestFiles(paths::join(directory, kProcessingDirectoryName)).empty()) {
+    if (!requestFiles(directory).empty() ||
+        !requestFiles(paths::join(directory, kProcessingDirectoryName)).empty()) {
       return false;
     }
     return std::all_of(requests.begin(), requests.end(), [&](const RequestFile& request) {
-      auto result = FinderConversionResult::decode(readFileOrEmpty(paths::join(results, paths::lastComponent(request.path))));
+      auto result = FinderConversionResult::decode(
+          readFileOrEmpty(paths::join(results, paths::lastComponent(request.path))));
       return result.ok() && result->count(FinderFileResult::Status::pending) == 0;
     });
   };
@@ -219,7 +225,8 @@ void Demo::followHostApp(const std::vector<RequestFile>& requests) {
     if (!result.ok()) continue;
     for (const auto& file : result->files) {
       if (file.status != FinderFileResult::Status::converted) {
-        std::cout << style_.yellow(std::string(paths::lastComponent(file.path)) + " failed: " + file.error) << '\n';
+        std::cout << style_.yellow(std::string(paths::lastComponent(file.path)) + " failed: " + file.error)
+                  << '\n';
         continue;
       }
       std::string output = "Files/" + std::string(paths::lastComponent(file.outputPath));
@@ -234,7 +241,8 @@ int Demo::run(bool keep) {
   writeFile(catalogue, kSampleCatalogue);
   writeFile(paths::join(files_, "photo.png"), kSamplePhotoPng);
   writeFile(paths::join(files_, "scan.JPG"), kSampleScanJpeg);
-  for (const char* name : {"report.pdf", "clip.mov", "voice.wav"}) writeFile(paths::join(files_, name), "sample\n");
+  for (const char* name : {"report.pdf", "clip.mov", "voice.wav"})
+    writeFile(paths::join(files_, name), "sample\n");
   fs::create_directories(paths::join(files_, "Album"));
 
   LinuxPlatform::Options options;
@@ -250,7 +258,8 @@ int Demo::run(bool keep) {
             << "Sample files:     " << files_ << '\n'
             << "  photo.png  scan.JPG  report.pdf  clip.mov  voice.wav  Album/\n";
   {
-    step("The extension starts", "Finder creates the principal object; it logs its launch and the directories it watches.");
+    step("The extension starts",
+         "Finder creates the principal object; it logs its launch and the directories it watches.");
     FinderSync finder;
     showNewLogLines();
 
@@ -258,14 +267,14 @@ int Demo::run(bool keep) {
          "Targets of the file's own category stand inline; other categories get a submenu with an icon.");
     showMenu(finder, {"photo.png"});
 
-    step("A mixed selection",
-         "An image and a PDF span two categories, so every common target is nested.");
+    step("A mixed selection", "An image and a PDF span two categories, so every common target is nested.");
     showMenu(finder, {"photo.png", "report.pdf"});
 
     step("A selection with no common target", "Nothing converts both an image and a sound: no Convert menu.");
     showMenu(finder, {"photo.png", "voice.wav"});
 
-    step("Folders only", "Folders are dropped; with no file left there is no menu and the catalogue is not read.");
+    step("Folders only",
+         "Folders are dropped; with no file left there is no menu and the catalogue is not read.");
     showMenu(finder, {"Album"});
 
     step("Picking a target hands a request to the host app",
@@ -293,11 +302,13 @@ int Demo::run(bool keep) {
     finder.convertAction(42);
     showNewLogLines();
 
-    step("The catalogue is removed", "Without capabilities the menu offers one item that opens the host app.");
+    step("The catalogue is removed",
+         "Without capabilities the menu offers one item that opens the host app.");
     fs::remove(catalogue);
     showMenu(finder, {"photo.png"});
 
-    step("A broken catalogue", "A document that does not decode withholds the menu and is logged on every menu.");
+    step("A broken catalogue",
+         "A document that does not decode withholds the menu and is logged on every menu.");
     writeFile(catalogue, "{\"schemaVersion\": 1, \"generatedAt\": \"now\", \"categories\": [\n");
     showMenu(finder, {"photo.png"});
   }

@@ -34,9 +34,11 @@ std::string joinIds(const Ids& ids) {
 std::string missingKeyHint(const FinderCapabilities& catalogue, const std::string& ext) {
   for (const auto& [key, formatId] : catalogue.extensionToFormatId) {
     if (key != ext && currentPlatform().textRules()->lowercase(key) == ext) {
-      return "; the document has the key " + jsonQuoted(key) + ", but keys match exactly and extensions are lower-cased";
+      return "; the document has the key " + jsonQuoted(key) +
+             ", but keys match exactly and extensions are lower-cased";
     }
-    if (key == "." + ext) return "; the document has the key " + jsonQuoted(key) + ", but keys are written without the dot";
+    if (key == "." + ext)
+      return "; the document has the key " + jsonQuoted(key) + ", but keys are written without the dot";
   }
   return "";
 }
@@ -65,7 +67,8 @@ int explain(const std::string& file, const std::vector<std::string>& paths, std:
       out << "    extension " << jsonQuoted(input.ext) << " is not a key of extensionToFormatId"
           << missingKeyHint(catalogue, input.ext) << '\n';
       out << '\n'
-          << style.red("No Convert menu") << ": one unrecognised file withholds the menu from the whole selection.\n";
+          << style.red("No Convert menu")
+          << ": one unrecognised file withholds the menu from the whole selection.\n";
       return kExitOk;
     }
     auto format = index.formats.find(*source);
@@ -137,9 +140,11 @@ void addExplainCommand(CommandLine commandLine) {
       "categories offered nowhere. Answers \"why doesn't my format show up in the menu?\".");
   addCatalogueOptions(*command, options->capabilities, "explain against", options->paths,
                       "selected files, in selection order (need not exist)");
-  command->footer("\nExit codes: 0 explained (with or without a menu); 2 the document can't be read or decoded.");
+  command->footer(
+      "\nExit codes: 0 explained (with or without a menu); 2 the document can't be read or decoded.");
   int& exitCode = commandLine.exitCode;
-  command->callback([options, &exitCode] { exitCode = explain(options->capabilities, options->paths, std::cout); });
+  command->callback(
+      [options, &exitCode] { exitCode = explain(options->capabilities, options->paths, std::cout); });
 }
 
 }  // namespace palvin::tool

@@ -7,12 +7,12 @@
 #include <cerrno>
 #include <iostream>
 
-#include "platform/platform.h"
-#include "shared/json_writer.h"
-#include "services/log.h"
-#include "shared/paths.h"
 #include "directory_watch.h"
 #include "loading.h"
+#include "platform/platform.h"
+#include "services/log.h"
+#include "shared/json_writer.h"
+#include "shared/paths.h"
 #include "tool.h"
 
 namespace palvin::tool {

@@ -172,21 +172,26 @@ void addMenuCommand(CommandLine commandLine) {
       std::string(kName),
       "Build the extension's contextual menu for PATHs (which must exist; folders are dropped as the\n"
       "Finder extension drops them, and a symbolic link, even to a folder or dangling, counts as a\n"
-      "file, as a selected link does in Finder) with the real controller, print it with tags, titles, separators,\n"
+      "file, as a selected link does in Finder) with the real controller, print it with tags, titles, "
+      "separators,\n"
       "icons and tints, and optionally pick an item. The capabilities come from the shared\n"
       "container's capabilities.json; requests go to its requests directory; the log lines of the\n"
       "run are printed at the end.");
   addContainerOption(*command, options->container, false);
   command->add_option("--pick", options->pick, "then pick the target item with this tag (any integer)");
-  command->add_flag("--open-host-app", options->openHostApp, "then pick the fallback item (opens the host app)");
-  command->add_flag("--interactive,-i", options->interactive, "choose an item with the arrow keys or its number");
+  command->add_flag("--open-host-app", options->openHostApp,
+                    "then pick the fallback item (opens the host app)");
+  command->add_flag("--interactive,-i", options->interactive,
+                    "choose an item with the arrow keys or its number");
   command->add_option("--appearance", options->appearance,
                       "what the appearance setting reads, e.g. Dark (category icons are tinted white)");
   command->add_option("--bundle", options->bundle,
                       "the extension's bundle directory, where the search for the host app starts\n"
                       "(default: the directory of this executable)");
   command->add_option("paths", options->paths, "selected files and folders, in selection order")->required();
-  command->footer("\nExit codes: 0 the menu was built (whatever it offers); 2 bad arguments or a PATH that does not exist.");
+  command->footer(
+      "\nExit codes: 0 the menu was built (whatever it offers); 2 bad arguments or a PATH that does not "
+      "exist.");
   int& exitCode = commandLine.exitCode;
   command->callback([options, &exitCode] { exitCode = runMenu(*options); });
 }

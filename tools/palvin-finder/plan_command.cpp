@@ -1,8 +1,8 @@
 // palvin-finder plan: the menu plan for a selection, from a capabilities file.
 #include <iostream>
 
-#include "planner/menu_planner.h"
 #include "loading.h"
+#include "planner/menu_planner.h"
 #include "platform/platform.h"
 #include "shared/json_writer.h"
 #include "tool.h"
@@ -10,7 +10,9 @@
 namespace palvin::tool {
 namespace {
 
-void appendJsonString(std::string& out, std::string_view s) { json::appendString(out, json::toValidUtf8(s)); }
+void appendJsonString(std::string& out, std::string_view s) {
+  json::appendString(out, json::toValidUtf8(s));
+}
 
 void appendTargets(std::string& out, const std::vector<FinderMenuPlanner::TargetItem>& targets) {
   out += '[';
@@ -56,8 +58,8 @@ std::string planJson(const std::optional<FinderMenuPlanner::Plan>& plan) {
   return out;
 }
 
-void printTargets(std::ostream& out, const Style& style, const std::vector<FinderMenuPlanner::TargetItem>& targets,
-                  std::string_view indent) {
+void printTargets(std::ostream& out, const Style& style,
+                  const std::vector<FinderMenuPlanner::TargetItem>& targets, std::string_view indent) {
   for (std::size_t i = 0; i < targets.size(); ++i) {
     bool last = i + 1 == targets.size();
     out << indent << (last ? "└─ " : "├─ ") << json::toValidUtf8(targets[i].displayName) << "  "
@@ -75,8 +77,8 @@ void printPlan(std::ostream& out, const std::optional<FinderMenuPlanner::Plan>& 
   }
   out << style.bold("Files") << '\n';
   for (const auto& file : plan->files) {
-    out << "  " << json::toValidUtf8(file.path) << "  " << style.dim("(" + json::toValidUtf8(file.sourceFormatId) + ")")
-        << '\n';
+    out << "  " << json::toValidUtf8(file.path) << "  "
+        << style.dim("(" + json::toValidUtf8(file.sourceFormatId) + ")") << '\n';
   }
   out << style.bold("Convert") << '\n';
   bool hasGroups = !plan->groups.empty();

@@ -8,13 +8,13 @@
 #include <iostream>
 #include <set>
 
+#include "directory_watch.h"
 #include "platform/platform.h"
 #include "requests/conversion_result.h"
 #include "requests/request.h"
-#include "shared/json_writer.h"
 #include "services/log.h"
+#include "shared/json_writer.h"
 #include "shared/paths.h"
-#include "directory_watch.h"
 #include "tool.h"
 
 namespace palvin::tool {
@@ -67,7 +67,8 @@ std::string timestamp(FileTime t) {
 // The file's name and time, then its document as `Document` decodes it;
 // nothing, after saying why, when it does not hold one.
 template <class Document>
-std::optional<Document> printHeading(const Style& style, const std::string& directory, const RequestFile& file) {
+std::optional<Document> printHeading(const Style& style, const std::string& directory,
+                                     const RequestFile& file) {
   std::cout << style.bold(json::toValidUtf8(file.name));
   if (file.modified) std::cout << "  " << style.dim(timestamp(*file.modified));
   std::cout << '\n';
@@ -97,15 +98,22 @@ bool printResult(const Style& style, const std::string& directory, const Request
   if (!result) return false;
   using Status = FinderFileResult::Status;
   std::cout << "  to " << style.cyan(json::toValidUtf8(result->targetFormatId)) << ": "
-            << result->count(Status::converted) << " converted, " << result->count(Status::failed) << " failed";
+            << result->count(Status::converted) << " converted, " << result->count(Status::failed)
+            << " failed";
   if (std::size_t pending = result->count(Status::pending)) std::cout << ", " << pending << " pending";
   std::cout << '\n';
   for (const auto& entry : result->files) {
     std::cout << "    " << json::toValidUtf8(entry.path) << "  ";
     switch (entry.status) {
-      case Status::converted: std::cout << style.green("\xE2\x86\x92 " + json::toValidUtf8(entry.outputPath)); break;
-      case Status::failed: std::cout << style.red("failed") << ": " << json::toValidUtf8(entry.error); break;
-      case Status::pending: std::cout << style.dim("pending"); break;
+      case Status::converted:
+        std::cout << style.green("\xE2\x86\x92 " + json::toValidUtf8(entry.outputPath));
+        break;
+      case Status::failed:
+        std::cout << style.red("failed") << ": " << json::toValidUtf8(entry.error);
+        break;
+      case Status::pending:
+        std::cout << style.dim("pending");
+        break;
     }
     std::cout << '\n';
   }
@@ -198,10 +206,11 @@ void addRequestsCommand(CommandLine commandLine) {
   auto* watch = command->add_flag("--watch", options->watch,
                                   "then print each new request as it arrives, until interrupted (Ctrl-C)");
   addTimeoutOption(*command, options->timeout, watch);
-  command->footer("\n" + sharedContainerHelp() +
-                  "\nExit codes: 0 every request file is valid (or there are none); 1 at least one request\n"
-                  "file or result document shown can't be read or decoded; 2 bad arguments, no shared\n"
-                  "container, or a request directory that can't be read. SIGINT and SIGTERM end --watch normally.");
+  command->footer(
+      "\n" + sharedContainerHelp() +
+      "\nExit codes: 0 every request file is valid (or there are none); 1 at least one request\n"
+      "file or result document shown can't be read or decoded; 2 bad arguments, no shared\n"
+      "container, or a request directory that can't be read. SIGINT and SIGTERM end --watch normally.");
   int& exitCode = commandLine.exitCode;
   command->callback([options, &exitCode] { exitCode = runRequests(*options); });
 }

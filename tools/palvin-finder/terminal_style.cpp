@@ -19,12 +19,24 @@ std::string wrap(bool enabled, const char* code, std::string_view s) {
 
 }  // namespace
 
-std::string Style::bold(std::string_view s) const { return wrap(enabled, "1", s); }
-std::string Style::dim(std::string_view s) const { return wrap(enabled, "2", s); }
-std::string Style::red(std::string_view s) const { return wrap(enabled, "31", s); }
-std::string Style::yellow(std::string_view s) const { return wrap(enabled, "33", s); }
-std::string Style::green(std::string_view s) const { return wrap(enabled, "32", s); }
-std::string Style::cyan(std::string_view s) const { return wrap(enabled, "36", s); }
+std::string Style::bold(std::string_view s) const {
+  return wrap(enabled, "1", s);
+}
+std::string Style::dim(std::string_view s) const {
+  return wrap(enabled, "2", s);
+}
+std::string Style::red(std::string_view s) const {
+  return wrap(enabled, "31", s);
+}
+std::string Style::yellow(std::string_view s) const {
+  return wrap(enabled, "33", s);
+}
+std::string Style::green(std::string_view s) const {
+  return wrap(enabled, "32", s);
+}
+std::string Style::cyan(std::string_view s) const {
+  return wrap(enabled, "36", s);
+}
 
 Style styleForStdout() {
   const char* noColor = std::getenv("NO_COLOR");

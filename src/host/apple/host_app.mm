@@ -34,7 +34,9 @@ using palvin::FinderLog::Level;
 constexpr std::size_t kRecentLines = 12;
 
 NSString* toNSString(std::string_view text) {
-  NSString* converted = [[NSString alloc] initWithBytes:text.data() length:text.size() encoding:NSUTF8StringEncoding];
+  NSString* converted = [[NSString alloc] initWithBytes:text.data()
+                                                 length:text.size()
+                                               encoding:NSUTF8StringEncoding];
   return converted != nil ? converted : @"";
 }
 
@@ -62,7 +64,7 @@ std::string buildTime(palvin::Platform& platform) {
   if (!built.ok()) return "";
   using namespace std::chrono;
   auto since = duration_cast<system_clock::duration>(seconds(built->modified.seconds) +
-                                                      nanoseconds(built->modified.nanoseconds));
+                                                     nanoseconds(built->modified.nanoseconds));
   return palvin::FinderLog::formatTimestamp(system_clock::time_point(since));
 }
 
@@ -168,9 +170,7 @@ static void requestPosted(CFNotificationCenterRef center, void* observer, CFNoti
   options.convert = [catalogue](const palvin::FinderFileTask& task, const std::atomic<bool>& stopping) {
     return palvin::host::convertWithImageIO(*catalogue, task, stopping);
   };
-  options.log = [self](Level level, const std::string& message) {
-    [self note:level line:message];
-  };
+  options.log = [self](Level level, const std::string& message) { [self note:level line:message]; };
   options.finished = [self](const std::string& name, const palvin::FinderConversionResult& result) {
     (void)name;
     self->_activity.countRequest();
@@ -204,7 +204,8 @@ static void requestPosted(CFNotificationCenterRef center, void* observer, CFNoti
 - (void)installCatalogue {
   const std::string ours = _catalogue.capabilities.encode(/*pretty=*/true) + "\n";
   const std::string path = palvin::paths::join(*_container, palvin::CapabilityStore::kFileName);
-  if (!palvin::host::shouldInstallCatalogue(ours, _catalogue.capabilities.generatedAt, _platform->readFile(path))) {
+  if (!palvin::host::shouldInstallCatalogue(ours, _catalogue.capabilities.generatedAt,
+                                            _platform->readFile(path))) {
     _catalogueState = "the installed one is current";
     return;
   }
@@ -327,11 +328,13 @@ static void requestPosted(CFNotificationCenterRef center, void* observer, CFNoti
   std::string text =
       "Converts the images you pick in Finder's Convert menu with ImageIO, and writes each result "
       "beside its original.\n\n";
-  text += std::string("Finder extension: ") +
-          (FIFinderSyncController.extensionEnabled ? "on\n" : "off: turn on PalvinFinder in the settings below\n");
+  text += std::string("Finder extension: ") + (FIFinderSyncController.extensionEnabled
+                                                   ? "on\n"
+                                                   : "off: turn on PalvinFinder in the settings below\n");
   text += "Shared container: " + (_container ? *_container : std::string("unavailable")) + "\n";
   text += "Catalogue: " + std::to_string(readable) + " formats to convert from, " + std::to_string(writable) +
-          " to convert to; " + (_catalogueState.empty() ? std::string("not installed") : _catalogueState) + "\n";
+          " to convert to; " + (_catalogueState.empty() ? std::string("not installed") : _catalogueState) +
+          "\n";
   std::size_t waiting = 0;
   if (_queue) {
     auto names = palvin::listRequestFileNames(_queue->requestsDirectory());

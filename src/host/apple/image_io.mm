@@ -26,7 +26,9 @@ std::string toString(NSString* text) {
 }
 
 NSString* toNSString(const std::string& text) {
-  NSString* converted = [[NSString alloc] initWithBytes:text.data() length:text.size() encoding:NSUTF8StringEncoding];
+  NSString* converted = [[NSString alloc] initWithBytes:text.data()
+                                                 length:text.size()
+                                               encoding:NSUTF8StringEncoding];
   return converted != nil ? converted : @"";
 }
 
@@ -75,7 +77,8 @@ std::vector<ImageType> imageIOTypes() {
       UTType* uti = [UTType typeWithIdentifier:identifier];
       if (uti == nil) return type;
       if (NSString* preferred = uti.preferredFilenameExtension) type.preferredExtension = toString(preferred);
-      for (NSString* extension in uti.tags[UTTagClassFilenameExtension]) type.extensions.push_back(toString(extension));
+      for (NSString* extension in uti.tags[UTTagClassFilenameExtension])
+        type.extensions.push_back(toString(extension));
       if (NSString* description = uti.localizedDescription) type.description = toString(description);
       return type;
     };
@@ -94,7 +97,9 @@ FinderFileResult convertWithImageIO(const ImageCatalogue& catalogue, const Finde
                                     const std::atomic<bool>& stopping) {
   using Status = FinderFileResult::Status;
   const std::string& source = task.file.path;
-  auto failed = [&source](std::string reason) { return FinderFileResult{source, Status::failed, {}, std::move(reason)}; };
+  auto failed = [&source](std::string reason) {
+    return FinderFileResult{source, Status::failed, {}, std::move(reason)};
+  };
   // ImageIO can't be interrupted; a file not started yet goes back with its request.
   if (stopping.load()) return {source, Status::pending, {}, {}};
   try {
@@ -118,20 +123,23 @@ FinderFileResult convertWithImageIO(const ImageCatalogue& catalogue, const Finde
       // Written in the source's own folder, named from the request, so that no
       // part of the request can lead elsewhere and a retry finds its leftover.
       const std::string directory = paths::parent(source);
-      const std::string temporary =
-          paths::join(directory, ".palvin-" + stemOf(task.requestName) + "-" + std::to_string(task.index) + ".tmp");
+      const std::string temporary = paths::join(
+          directory, ".palvin-" + stemOf(task.requestName) + "-" + std::to_string(task.index) + ".tmp");
       ::unlink(temporary.c_str());
       int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644);
-      if (fd < 0) return failed("cannot write in " + directory + ": " + std::generic_category().message(errno));
+      if (fd < 0)
+        return failed("cannot write in " + directory + ": " + std::generic_category().message(errno));
       ::close(fd);
 
       bool encoded = false;
       {
         const size_t images = keepsEveryImage(targetType) ? count : 1;
-        Owned<CGImageDestinationRef> output(CGImageDestinationCreateWithURL(
-            (__bridge CFURLRef)fileURL(temporary), (__bridge CFStringRef)toNSString(targetType), images, nullptr));
+        Owned<CGImageDestinationRef> output(
+            CGImageDestinationCreateWithURL((__bridge CFURLRef)fileURL(temporary),
+                                            (__bridge CFStringRef)toNSString(targetType), images, nullptr));
         if (output) {
-          for (size_t i = 0; i < images; ++i) CGImageDestinationAddImageFromSource(output.get(), image.get(), i, nullptr);
+          for (size_t i = 0; i < images; ++i)
+            CGImageDestinationAddImageFromSource(output.get(), image.get(), i, nullptr);
           encoded = CGImageDestinationFinalize(output.get());
         }
       }
