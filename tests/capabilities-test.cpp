@@ -135,6 +135,8 @@ TEST(CapabilitiesDecode, FieldErrorsNameThePathAndTheProblem) {
       bad("categories", R"([{"icon": 1, "id": "x"}])", "[0].label: missing"),
       bad("categories", R"([{"id": "a", "label": "A"}, {"label": "B"}])", "[0].icon: missing"),
       bad("formats", R"([{"primaryExtension": 1, "category": 2, "id": "x"}])", "[0].displayName: missing"),
+      bad("formats", R"([{"id": "x", "displayName": "X", "category": "c"}])",
+          "[0].primaryExtension: missing"),
       bad("extensionToFormatId", R"({"b": 1, "a": 2})", R"(["b"]: expected string, found number)"),
       // A syntax error anywhere wins over every field error.
       {with("schemaVersion", R"("1")") + " x",
