@@ -205,7 +205,7 @@ def check_objects(source, work, arch, principal=None):
     if principal is None:
         info = plistlib.loads((build / "generated/PalvinFinder-Info.plist").read_bytes())
         principal = info["NSExtension"]["NSExtensionPrincipalClass"]
-    shell = build / "src/CMakeFiles/PalvinFinder.dir/platform/apple/FinderSync.mm.o"
+    shell = build / "src/CMakeFiles/PalvinFinder.dir/extension/apple/FinderSync.mm.o"
     classes = objc_classes(shell)
     if principal not in classes:
         failures.append(f"the Info.plist names the principal class {principal!r}, which FinderSync.mm.o does not "

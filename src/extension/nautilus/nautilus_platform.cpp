@@ -1,4 +1,4 @@
-#include "platform/nautilus/nautilus_platform.h"
+#include "extension/nautilus/nautilus_platform.h"
 
 #include <glib.h>
 #include <signal.h>

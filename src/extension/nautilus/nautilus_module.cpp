@@ -20,9 +20,9 @@ extern "C" {
 #include <nautilus-extension.h>
 }
 
+#include "extension/nautilus/nautilus_platform.h"
 #include "finder/finder_sync.h"
 #include "finder/menu_model.h"
-#include "platform/nautilus/nautilus_platform.h"
 #include "platform/platform.h"
 #include "services/log.h"
 #include "shared/paths.h"
