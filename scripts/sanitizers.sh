@@ -2,7 +2,7 @@
 # The whole test suite under AddressSanitizer and UndefinedBehaviorSanitizer,
 # then the tests that run threads (the log, the store and sender with the
 # log's queue, the request queue's parallel files, the controller, hostile
-# files rewritten during loads) under ThreadSanitizer. Any report fails the run.
+# files read while the log's worker writes) under ThreadSanitizer. Any report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs="$(nproc)"
