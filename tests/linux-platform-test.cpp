@@ -93,6 +93,11 @@ TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemAndLinksToTheNanosecond) {
             (ModificationDate{{1700000000, 123456789}, std::nullopt}));
   EXPECT_EQ(platform.modificationDate(at("link")).value(),
             (ModificationDate{{1600000000, 1}, FileTime{1700000000, 123456789}}));
+  // A link to a folder is no folder: the selection describes the link itself.
+  fs::create_directory(at("folder"));
+  ASSERT_EQ(::symlink("folder", at("folder-link").c_str()), 0);
+  EXPECT_EQ(platform.isDirectory(at("folder")), true);
+  EXPECT_EQ(platform.isDirectory(at("folder-link")), false);
 }
 
 // Readers see one whole version or the other while a writer alternates them.
