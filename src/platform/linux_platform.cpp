@@ -104,15 +104,15 @@ std::vector<std::string> launchEnvironment(const std::optional<std::string>& con
 // that stops observing does not wait for itself.
 thread_local bool tDeliveringVolumeChange = false;
 
-std::vector<char*> pointers(std::vector<std::string>& strings) {
+}  // namespace
+
+std::vector<char*> LinuxPlatform::LaunchCommand::pointers(std::vector<std::string>& strings) {
   std::vector<char*> out;
   out.reserve(strings.size() + 1);
   for (auto& s : strings) out.push_back(s.data());
   out.push_back(nullptr);
   return out;
 }
-
-}  // namespace
 
 LinuxPlatform::LinuxPlatform() : LinuxPlatform(Options{}) {}
 
@@ -271,8 +271,8 @@ void LinuxPlatform::openApplication(const std::string& bundlePath, const OpenCon
                                     LaunchCompletion completion) {
   LaunchCommand command = launchCommand(bundlePath, configuration);
   const std::string& program = command.program;
-  std::vector<char*> argv = pointers(command.arguments);
-  std::vector<char*> envp = pointers(command.environment);
+  std::vector<char*> argv = LaunchCommand::pointers(command.arguments);
+  std::vector<char*> envp = LaunchCommand::pointers(command.environment);
 
   // The host app gets a session of its own, so that it outlives the caller's
   // terminal job, and default signal handling whatever the caller's thread

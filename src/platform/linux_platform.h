@@ -71,6 +71,9 @@ class LinuxPlatform : public Platform {
     std::string program;
     std::vector<std::string> arguments;  // arguments[0] is the program
     std::vector<std::string> environment;
+    // Null-terminated pointers into `strings`, as exec-style calls take them;
+    // valid while the command lives.
+    static std::vector<char*> pointers(std::vector<std::string>& strings);
   };
   LaunchCommand launchCommand(const std::string& bundlePath, const OpenConfiguration& configuration);
 

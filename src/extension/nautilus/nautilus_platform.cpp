@@ -11,7 +11,7 @@ namespace palvin {
 namespace {
 
 // Symbol names a catalogue is likely to use, by the kind of file they stand
-// for; the icons are those of the Icon Naming Specification that Adwaita and
+// for; the icons are freedesktop.org's standard icon names, which Adwaita and
 // other themes draw. Symbolic icons take the theme's text colour, which is
 // what the one-colour palette does on macOS.
 constexpr std::pair<std::string_view, std::string_view> kIcons[] = {
@@ -57,14 +57,6 @@ void prepareChild(gpointer) {
   ::setsid();
 }
 
-std::vector<char*> pointers(std::vector<std::string>& strings) {
-  std::vector<char*> out;
-  out.reserve(strings.size() + 1);
-  for (auto& s : strings) out.push_back(s.data());
-  out.push_back(nullptr);
-  return out;
-}
-
 }  // namespace
 
 std::optional<std::string_view> freedesktopIconName(std::string_view symbolName) {
@@ -79,8 +71,8 @@ std::optional<std::string_view> freedesktopIconName(std::string_view symbolName)
 void NautilusPlatform::openApplication(const std::string& bundlePath, const OpenConfiguration& configuration,
                                        LaunchCompletion completion) {
   LaunchCommand command = launchCommand(bundlePath, configuration);
-  std::vector<char*> argv = pointers(command.arguments);
-  std::vector<char*> envp = pointers(command.environment);
+  std::vector<char*> argv = LaunchCommand::pointers(command.arguments);
+  std::vector<char*> envp = LaunchCommand::pointers(command.environment);
   GError* error = nullptr;
   // Without G_SPAWN_DO_NOT_REAP_CHILD GLib reaps its intermediate child
   // itself; the host app's parent becomes init (or the session's subreaper).
