@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite under AddressSanitizer and UndefinedBehaviorSanitizer,
-# then the tests that run threads (the log, the store and sender with the
-# log's queue, the request queue's parallel files, the controller, hostile
-# files read while the log's worker writes) under ThreadSanitizer. Any report fails the run.
+# then the tests that run threads (the log and its stress run, the store with
+# the log's queue, the sender and the request queue's parallel files, the
+# controller and hostile files read while the log's worker writes) under
+# ThreadSanitizer. Any report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs="$(nproc)"
@@ -22,8 +23,8 @@ ctest --preset asan -j "$jobs" -LE apple
 # Not host-app-test: the host app's threads besides the request queue's are
 # libvips' own, synchronised inside uninstrumented libraries (GLib, zlib, orc)
 # where TSan sees the accesses but not the locks, so it reports races there.
-# The queue's threads run under TSan in request-queue-test.
-threaded=(log-test log-stress-test capability-store-test request-sender-test request-queue-test hostile-input-test)
+# The queue's threads run under TSan in requests-test.
+threaded=(log-test capabilities-test requests-test)
 # The controller's test, where the tree has one.
 if grep -q 'palvin_add_test(finder-sync-test)' tests/CMakeLists.txt; then threaded+=(finder-sync-test); fi
 

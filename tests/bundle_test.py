@@ -3,7 +3,6 @@
 the host app, read as the system reads them: strict XML property lists with
 nothing left unsubstituted and no key twice, the keys the system looks up
 naming this build's identifiers, and entitlements that share the app group.
-The localisations all translate exactly en's keys.
 
 Arguments: generated-dir source-dir version deployment-target team-id app-group
            extension-bundle-id extension-application-id host-bundle-id host-application-id
@@ -72,35 +71,8 @@ extension = load("PalvinFinder-Info.plist").get("NSExtension", {})
 check(sorted(extension) == ["NSExtensionAttributes", "NSExtensionPointIdentifier", "NSExtensionPrincipalClass"],
       f"NSExtension has the keys {sorted(extension)}")
 check(extension.get("NSExtensionPointIdentifier") == "com.apple.FinderSync", f"extension point: {extension}")
-# The shell's class is Objective-C, which has no modules: a plain class name
-# (scripts/check-apple-build.py finds it in the object).
-check(re.fullmatch(r"[A-Za-z_]\w*", extension.get("NSExtensionPrincipalClass", "")) is not None,
-      f"principal class {extension.get('NSExtensionPrincipalClass')!r} is not an Objective-C class name")
+# The principal class itself is checked against the object (apple-objects).
 
-
-def strings_keys(path):
-    """The keys of a .strings file, "key" = "value"; entries between comments;
-    raises on anything else, as the system's parser would fail the table."""
-    text, keys, pos = path.read_text(encoding="utf-8"), [], 0
-    gap, quoted = r"(?:\s|/\*(?:(?!\*/).)*\*/|//[^\n]*)*", r'"((?:[^"\\]|\\.)*)"'
-    entry = re.compile(gap + quoted + r"\s*=\s*" + quoted + r"\s*;", re.S)
-    while (match := entry.match(text, pos)):
-        keys.append(match.group(1))
-        pos = match.end()
-    if not re.fullmatch(gap, text[pos:], re.S):
-        raise ValueError(f"{path}: not an entry at offset {pos}")
-    return keys
-
-
-resources = Path(source, "src/finder/Resources")
-english = strings_keys(resources / "en.lproj/Localizable.strings")
-check(len(english) == len(set(english)), f"en.lproj has a key twice: {english}")
-for strings in sorted(resources.glob("*.lproj/Localizable.strings")):
-    try:
-        keys = strings_keys(strings)
-        check(sorted(keys) == sorted(english), f"{strings.parent.name} has the keys {keys}, not en's {english}")
-    except ValueError as error:
-        failures.append(str(error))
 
 for failure in failures:
     print(failure, file=sys.stderr)

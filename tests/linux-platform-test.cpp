@@ -40,13 +40,6 @@ const mode_t kTestUmask = [] {
 // The error's description, empty on success.
 const auto errorOf = [](const auto& result) { return result.ok() ? std::string() : result.error(); };
 
-// Ends the whole run if a guarded call hangs: a blocked system call can't be
-// interrupted, and carrying on would leave it holding the test's objects.
-struct Watchdog {
-  Watchdog() { ::alarm(60); }
-  ~Watchdog() { ::alarm(0); }
-};
-
 // Each test gets a directory of its own and its environment back afterwards.
 class Linux : public ::testing::Test {
  protected:
@@ -80,7 +73,7 @@ TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemAndLinksToTheNanosecond) {
   EXPECT_EQ(platform.readFile(at("limit")).value().size(), LinuxPlatform::kMaxReadSize);
   // sysfs gives some files a size of 4096 bytes, larger than what they hold.
   const std::string shorter = "/sys/devices/system/cpu/online";
-  Watchdog guard;
+  testing::Watchdog guard;
   if (fs::exists(shorter)) {
     EXPECT_EQ(platform.readFile(shorter).value(), testing::readText(shorter));
   }
@@ -157,7 +150,6 @@ TEST_F(Linux, ContainerFollowsTheEnvironmentOnEveryCallAndCreatesNothing) {
         << (given ? given : "-") << " " << (dataHome ? dataHome : "-") << " " << (home ? home : "-");
   }
   EXPECT_EQ(entries(), 0u);
-  EXPECT_EQ(LinuxPlatform({.container = "/given"}).containerPath(group), "/given");
 }
 
 // Starts the bundle's AppRun and waits for the launch's outcome.
@@ -227,19 +219,6 @@ TEST(LinuxMounts, ParsesMountPointsWithEscapes) {
   EXPECT_TRUE(real && std::count(real->begin(), real->end(), "/") > 0);
 }
 
-TEST_F(Linux, StoppingVolumeObservationReturnsAlsoAfterRestartOrWhenDestroyed) {
-  std::atomic<int> calls{0};
-  Watchdog guard;
-  VolumeObservation first = platform.observeVolumeChanges([&] { ++calls; });
-  VolumeObservation second = platform.observeVolumeChanges([&] { ++calls; });
-  EXPECT_NE(first, second);
-  for (int i = 0; i < 2; ++i) platform.stopObservingVolumeChanges(first);
-  platform.stopObservingVolumeChanges(second);
-  platform.observeVolumeChanges([&] { ++calls; });  // a new watcher after the last stop
-  LinuxPlatform().observeVolumeChanges([] {});
-  EXPECT_EQ(calls, 0) << "nothing was mounted";
-}
-
 // Real mount events, in a child process with a mount namespace of its own so
 // that nothing outside sees the tmpfs. Two controllers observe and one goes:
 // the survivor alone refreshes, and an observation stopped from inside its own
@@ -275,19 +254,15 @@ TEST_F(Linux, MountEventsReachEveryLiveObserverInAPrivateNamespace) {
       auto dirs = linux.monitoredDirectories();
       return std::find(dirs.begin(), dirs.end(), mountPoint) != dirs.end();
     };
-    auto waitFor = [](auto condition) {
-      for (int i = 0; i < 500 && !condition(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      return condition();
-    };
     if (monitored()) fail(1, "the mount point was monitored before the mount");
     if (::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0)
       fail(77, std::string("mounting a tmpfs: ") + std::strerror(errno));
-    if (!waitFor(monitored)) fail(1, "the surviving controller did not refresh on a mount");
+    if (!testing::waitFor(monitored)) fail(1, "the surviving controller did not refresh on a mount");
     if (::umount(mountPoint.c_str()) != 0) fail(1, std::string("umount: ") + std::strerror(errno));
-    if (!waitFor([&] { return !monitored(); }))
+    if (!testing::waitFor([&] { return !monitored(); }))
       fail(1, "the surviving controller did not refresh on an unmount");
-    if (!waitFor([&] { return kept >= 2; })) fail(1, "an observer kept by another's stop missed an event");
+    if (!testing::waitFor([&] { return kept >= 2; }))
+      fail(1, "an observer kept by another's stop missed an event");
     if (stoppedInside != 1)
       fail(1, "stopped inside its handler, yet called " + std::to_string(stoppedInside) + " times");
     ::_exit(0);
@@ -332,6 +307,20 @@ TEST(StringsFile, ParsesEntriesEscapesCommentsAndEncodingsAndNamesTheFaultyLine)
       got += key + "=" + value + "|";
     EXPECT_EQ(got, expected) << input;
   }
+}
+
+// Every table the bundle ships parses, and translates exactly English's keys.
+TEST(StringsFile, ShippedTablesTranslateTheEnglishKeys) {
+  const fs::path resources = PALVIN_SOURCE_DIR "/src/finder/Resources";
+  auto keys = [&](const fs::path& lproj) {
+    auto table = linux_strings_file::parse(testing::readText(resources / lproj / "Localizable.strings"));
+    std::vector<std::string> out;
+    for (const auto& entry : table.ok() ? *table : linux_strings_file::Table{}) out.push_back(entry.first);
+    return table.ok() ? out : std::vector<std::string>{table.error()};
+  };
+  EXPECT_GT(keys("en.lproj").size(), 1u);
+  for (const auto& lproj : fs::directory_iterator(resources))
+    EXPECT_EQ(keys(lproj.path().filename()), keys("en.lproj")) << lproj.path();
 }
 
 TEST(StringsFile, LocaleChoosesTablesBestFirst) {

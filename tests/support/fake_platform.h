@@ -67,7 +67,6 @@ class FakePlatform : public Platform {
   int fileReads() const { return locked(reads_); }
   // Delivers a mount or unmount to every registered observer.
   void simulateVolumeChange();
-  std::size_t volumeObservers() const { return locked(volumeHandlers_).size(); }
 
   // --- Platform ----------------------------------------------------------
   std::chrono::system_clock::time_point now() override { return locked(clock); }

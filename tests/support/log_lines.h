@@ -10,15 +10,13 @@
 
 namespace palvin::testing {
 
-inline constexpr std::string_view kFakeLogPath = "/container/finder-extension.log";
-
 // The file's lines as "[LEVEL] message", timestamps dropped, once every line
 // logged so far has been written. A line without a tag (the continuation of a
 // message holding line feeds) is kept whole.
-inline std::vector<std::string> logLines(const FakePlatform& platform, std::string_view path = kFakeLogPath) {
+inline std::vector<std::string> logLines(const FakePlatform& platform) {
   FinderLog::flush();
   std::vector<std::string> lines;
-  auto file = platform.file(std::string(path));
+  auto file = platform.file("/container/finder-extension.log");
   if (!file) return lines;
   std::string_view rest = file->content;
   while (!rest.empty()) {

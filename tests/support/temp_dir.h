@@ -1,16 +1,20 @@
 // A private directory under the system's temporary directory, removed with
-// everything in it when the object goes, and small file helpers for tests
-// that use the real file system.
+// everything in it when the object goes, and small helpers for tests that run
+// on the real system.
 #pragma once
 
 #include <stdlib.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <thread>
 
 namespace palvin::testing {
 
@@ -46,6 +50,30 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// Ends the whole run if a guarded call hangs: a blocked system call on an odd
+// file can't be interrupted, and carrying on would leave it holding the test's objects.
+struct Watchdog {
+  Watchdog() { ::alarm(60); }
+  ~Watchdog() { ::alarm(0); }
+};
+
+// Whether `done` holds within `limit`; the bound only keeps a broken program
+// from hanging the suite.
+inline bool waitFor(const std::function<bool()>& done,
+                    std::chrono::seconds limit = std::chrono::seconds(120)) {
+  for (auto end = std::chrono::steady_clock::now() + limit; !done();) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+// The threads this process runs now.
+inline std::size_t threadCount() {
+  auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
 
 inline void writeText(const std::string& path, std::string_view text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;

