@@ -182,19 +182,8 @@ TEST(CapabilitiesDecode, SyntaxErrorsSayWhatAndWhere) {
   expectDecoding(cases);
 }
 
-TEST(CapabilitiesEncode, FieldOrderSortedKeysAndRoundTrip) {
-  // clang-format off
-  const FinderCapabilities c{1, "now", {{"image", "Images", "photo"}, {"audio", "Audio", "waveform"}},
-      {{"png", "PNG", "image", "png"}}, {{"png", "png"}, {"JPG", "jpeg"}, {"\u00e9", "e"}},
-      {{"png", {"jpeg", "webp"}}, {"jpeg", {}}}, "a/b"};
-  // clang-format on
-  EXPECT_EQ(c.encode(false),
-            R"({"schemaVersion":1,"generatedAt":"now","categories":[{"id":"image","label":"Images",)"
-            R"("icon":"photo"},{"id":"audio","label":"Audio","icon":"waveform"}],"formats":[{"id":"png",)"
-            R"("displayName":"PNG","category":"image","primaryExtension":"png"}],"extensionToFormatId":)"
-            "{\"JPG\":\"jpeg\",\"png\":\"png\",\"\u00e9\":\"e\"},"
-            R"("conversions":{"jpeg":[],"png":["jpeg","webp"]},"convertMenuTitle":"a/b"})");
-
+// The exact compact bytes are pinned by the host catalogue's test.
+TEST(CapabilitiesEncode, RoundTripWhateverTheStringsHold) {
   // Whatever the strings hold, in every field and key, decoding gives back what was encoded.
   std::string controls;
   for (char ch = 0; ch < 0x20; ++ch) controls += ch;

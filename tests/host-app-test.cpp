@@ -111,13 +111,14 @@ TEST(HostApp, ConvertsRealFilesAndRefusesUntrustedOnesOneByOne) {
       dir.write("Files/corrupt.png", readText(writeImage(dir, "Files/whole.png", 300, 200)).substr(0, 3000));
   ::mkfifo((files + "/pipe.png").c_str(), 0600);
   fs::create_directory(files + "/folder.png");
-  fs::create_symlink(writeImage(elsewhere, "real.png", 8, 8), files + "/link.png");
+  fs::create_symlink(writeImage(elsewhere, "real.png", 8, 8), files + "/link.v2.png");
   const std::string bomb = writeBomb(dir, "Files/bomb.png");
   dir.write("Files/fine.webp", "mine");
+  dir.write("Files/fine 2.webp", "mine too");
   // clang-format off
   const std::vector<std::tuple<std::string, std::string, std::string>> cases = {  // path, source, outcome
-      {png, "png", "fine 2.webp"},  // never over a file that is there
-      {files + "/link.png", "png", "link.webp"},  // beside the link, not beside what it points to
+      {png, "png", "fine 3.webp"},  // never over a file that is there
+      {files + "/link.v2.png", "png", "link.v2.webp"},  // beside the link, not beside what it points to
       {corrupt, "png", "read error"},
       {bomb, "png", "image too large: 20000 x 20000 pixels"},
       {files + "/pipe.png", "png", "a FIFO, not a regular file"},
@@ -152,8 +153,8 @@ TEST(HostApp, ConvertsRealFilesAndRefusesUntrustedOnesOneByOne) {
       EXPECT_EQ(fs::path(file.outputPath).parent_path(), files);
     }
   }
-  expectWebp(files + "/link.webp", 8, 8);
-  EXPECT_EQ(readText(files + "/fine.webp"), "mine");
+  expectWebp(files + "/link.v2.webp", 8, 8);
+  EXPECT_EQ(readText(files + "/fine.webp") + readText(files + "/fine 2.webp"), "minemine too");
   EXPECT_EQ(filesEndingIn(files, ".tmp"), 0u);
   EXPECT_FALSE(fs::exists(files + "/corrupt.webp") || fs::exists(files + "/bomb.webp"));
 

@@ -1,12 +1,9 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <random>
 
 #include "host/image_catalogue.h"
-#include "requests/output_file.h"
-#include "support/temp_dir.h"
 
 namespace palvin::host {
 namespace {
@@ -76,27 +73,6 @@ TEST(HostCatalogue, InstalledWhenOursIsNewer) {
   for (const auto& c : cases) {
     EXPECT_EQ(shouldInstallCatalogue(ours, c.ourGeneratedAt, c.installed), c.install) << c.what;
   }
-}
-
-TEST(HostOutput, BesideTheSourceNeverReplacing) {
-  using testing::readText;
-  testing::TempDir dir;
-  dir.write("photo.heic", "older");
-  dir.write("photo 2.heic", "older 2");
-  for (const char* expected : {"photo 3.heic", "photo 4.heic"}) {
-    dir.write(".tmp", expected);
-    auto published = publishOutput(dir / ".tmp", dir.path(), "photo", "heic");
-    ASSERT_TRUE(published.ok()) << published.error();
-    EXPECT_EQ(*published, dir / expected);
-    EXPECT_EQ(readText(*published), expected);
-    EXPECT_NE(::access((dir / ".tmp").c_str(), F_OK), 0);
-  }
-  EXPECT_EQ(readText(dir / "photo.heic"), "older");
-  EXPECT_EQ(readText(dir / "photo 2.heic"), "older 2");
-  EXPECT_FALSE(publishOutput(dir / "missing.tmp", dir / "no-such-dir", "x", "png").ok());
-  EXPECT_EQ(stemOf("photo.tar.gz"), "photo.tar");
-  EXPECT_EQ(stemOf(".png"), ".png");
-  EXPECT_EQ(stemOf("README"), "README");
 }
 
 }  // namespace

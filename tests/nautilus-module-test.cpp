@@ -183,9 +183,6 @@ TEST_F(NautilusModule, MenusForSelections) {
   } cases[] = {
       {kCatalogue, {"photo.png"}, kPhotoMenu},
       {kCatalogue, {"folder"}, ""},
-      {kCatalogue,
-       {"photo.png", "doc.pdf"},
-       "Convert using Palvin {Images <image-x-generic-symbolic> {JPEG}}"},
       {kCatalogue, {"recent:///photo.png -> file://" + dir / "photo.png"}, kPhotoMenu},
       {kCatalogue, {"trash:///photo.png"}, ""},  // no local path to hand over
       {R"({"schemaVersion":1,"generatedAt":"","convertMenuTitle":"To_Do",
