@@ -24,9 +24,7 @@ ctest --preset asan -j "$jobs" -LE apple
 # libvips' own, synchronised inside uninstrumented libraries (GLib, zlib, orc)
 # where TSan sees the accesses but not the locks, so it reports races there.
 # The queue's threads run under TSan in requests-test.
-threaded=(log-test capabilities-test requests-test)
-# The controller's test, where the tree has one.
-if grep -q 'palvin_add_test(finder-sync-test)' tests/CMakeLists.txt; then threaded+=(finder-sync-test); fi
+threaded=(log-test capabilities-test requests-test finder-sync-test)
 
 echo "== ThreadSanitizer: ${threaded[*]}"
 cmake --preset tsan >/dev/null
