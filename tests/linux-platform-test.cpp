@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "finder/finder_sync.h"
+#include "platform/linux_files.h"
 #include "platform/linux_localization.h"
 #include "platform/linux_mount_table.h"
 #include "platform/linux_platform.h"
@@ -71,6 +72,9 @@ TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemAndLinksToTheNanosecond) {
   fs::resize_file(at("limit"), LinuxPlatform::kMaxReadSize);  // sparse
   EXPECT_EQ(platform.readFile(at("data")).value(), binary);
   EXPECT_EQ(platform.readFile(at("limit")).value().size(), LinuxPlatform::kMaxReadSize);
+  // From an offset (a log's new lines), up to the limit counted from there.
+  EXPECT_EQ(linux_files::readFile(at("data"), 3, 2).value() + linux_files::readFile(at("data"), 0, 9).value(),
+            binary.substr(2));
   // sysfs gives some files a size of 4096 bytes, larger than what they hold.
   const std::string shorter = "/sys/devices/system/cpu/online";
   testing::Watchdog guard;

@@ -72,6 +72,10 @@ TEST(Tool, EveryCommandPrintsExactlyThisAndExits) {
   const std::string photo = dir.write("Files/Holiday \"1\".png", "x"), dangling = dir.file("gone.png");
   fs::create_symlink(dir.file("nothing"), dangling);  // selected as itself: a file
   dir.write("cat/capabilities.json", readText(kExample));
+  dir.write("cat/finder-extension.log", std::string(262143, '.') + "\n");  // trimmed by the first run: its lines alone show
+  // A log past the 64 MiB documents' limit is still shown.
+  fs::resize_file(dir.write("big/finder-extension.log", ""), 65 << 20);
+  std::ofstream(dir.file("big/finder-extension.log"), std::ios::app) << "\n" + warn;
   const Args none{"-XDG_DATA_HOME", "-HOME", "-PALVIN_SHARED_CONTAINER"}, plain{"LANG=C", "NO_COLOR=1", "-LC_ALL", "-LC_MESSAGES"};
   const std::string noContainer = "no shared container: pass --container, or set PALVIN_SHARED_CONTAINER, XDG_DATA_HOME or HOME";
   const std::string launched = "T [INFO] FinderSync launched: " + c + "\nT [DEBUG] Monitoring N directories\n";
@@ -102,6 +106,7 @@ TEST(Tool, EveryCommandPrintsExactlyThisAndExits) {
       {{"requests"}, none, 2, "", "palvin-finder requests: " + noContainer + "\n"},
       {{"log", "--container", c}, {}, 0, "(fragment: the start of this entry was cut off when the log was trimmed)\n" + log, ""},
       {{"log", "--container", c, "--level", "WARN"}, {}, 0, warn + error, ""},
+      {{"log", "--container", c + "/big", "--level", "warn"}, {}, 0, warn, ""},
       {{"log", "--container", c + "/requests/sub.json"}, {}, 2, "", "palvin-finder log: " + c + "/requests/sub.json/finder-extension.log: not a regular file\n"},
       {{"menu", "--container", c + "/fb", "--bundle", c, photo}, plain, 0, fallback + "\nLog " + c + "/fb/finder-extension.log\n" + launched, ""},
       {{"menu", "--bundle", c, photo}, {"NO_COLOR=1", "-XDG_DATA_HOME", "-HOME", "-PALVIN_SHARED_CONTAINER"}, 0, fallback + "\nNo s" + noContainer.substr(4) + ".\n", ""},

@@ -182,7 +182,7 @@ Result<ModificationDate> modificationDate(const std::string& path) {
   return date;
 }
 
-Result<std::string> readFile(const std::string& path, std::uint64_t limit) {
+Result<std::string> readFile(const std::string& path, std::uint64_t limit, std::uint64_t from) {
   // O_NONBLOCK keeps the open of a FIFO without a writer from hanging; the
   // descriptor, not the path, is examined, so a file swapped in between is
   // judged by what was actually opened.
@@ -192,6 +192,9 @@ Result<std::string> readFile(const std::string& path, std::uint64_t limit) {
   if (::fstat(fd.get(), &info) != 0) return Error{describe(path, errno)};
   if (!S_ISREG(info.st_mode)) return Error{notRegular(path, info.st_mode)};
   auto size = static_cast<std::uint64_t>(info.st_size);
+  size = size > from ? size - from : 0;
+  if (from > 0 && ::lseek(fd.get(), static_cast<off_t>(from), SEEK_SET) < 0)
+    return Error{describe(path, errno)};
   if (size > limit) {
     char text[64];
     std::snprintf(text, sizeof text, "%.1f MiB", static_cast<double>(size) / (1 << 20));

@@ -18,9 +18,10 @@ std::string describe(std::string_view path, int errnum);
 // The item's own time; for a symbolic link also its target's, if it has one.
 Result<ModificationDate> modificationDate(const std::string& path);
 
-// Refuses what is not a regular file and anything above `limit` bytes, also
-// when the file grows past it while being read.
-Result<std::string> readFile(const std::string& path, std::uint64_t limit);
+// The bytes from offset `from` to the end (none when the file is shorter).
+// Refuses what is not a regular file and more than `limit` bytes, also when
+// the file grows past it while being read.
+Result<std::string> readFile(const std::string& path, std::uint64_t limit, std::uint64_t from = 0);
 
 Status writeFileAtomically(const std::string& path, std::string_view bytes);
 

@@ -2,7 +2,9 @@
 
 #include <filesystem>
 #include <iostream>
+#include <limits>
 
+#include "platform/linux_files.h"
 #include "platform/platform.h"
 
 namespace palvin::tool {
@@ -33,12 +35,21 @@ std::string stringsDirectory() {
   return std::filesystem::is_directory(beside, ignored) ? beside.string() : std::string(PALVIN_STRINGS_DIR);
 }
 
+// Reads only what follows the place reached, with the bytes just before it to
+// see that the file is still the one read last. A log is shown whatever its
+// size: the 64 MiB limit is for documents, and a log that grew past it (one
+// the extension has not yet trimmed) is still the user's to read.
 Result<LogTail::Added> LogTail::take(bool whole) {
-  auto content = currentPlatform().readFile(path_);
+  constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
+  std::uint64_t start = offset_ - tail_.size();
+  auto content = linux_files::readFile(path_, kNoLimit, start);
   if (!content.ok()) return Error{content.error()};
   Added added;
-  std::size_t from = offset_;
-  if (offset_ > content->size() || content->compare(offset_ - tail_.size(), tail_.size(), tail_) != 0) {
+  std::size_t from = tail_.size();
+  if (content->compare(0, tail_.size(), tail_) != 0) {
+    start = 0;
+    content = linux_files::readFile(path_, kNoLimit);
+    if (!content.ok()) return Error{content.error()};
     std::size_t found = content->find(tail_);
     added.restarted = found == std::string::npos;
     from = added.restarted ? 0 : found + tail_.size();
@@ -48,7 +59,7 @@ Result<LogTail::Added> LogTail::take(bool whole) {
   added.text = content->substr(from, end - from);
   std::size_t tailStart = end > kTailLength ? end - kTailLength : 0;
   tail_ = content->substr(tailStart, end - tailStart);
-  offset_ = end;
+  offset_ = start + end;
   return added;
 }
 

@@ -1,8 +1,10 @@
 // What the tool reads besides its arguments: every file goes through the
 // platform's readFile, which refuses FIFOs, devices and oversized files as
-// the extension does.
+// the extension does; a log, through the Linux platform's file layer, from
+// the place reached and without the documents' size limit.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -45,8 +47,8 @@ class LogTail {
 
  private:
   std::string path_;
-  std::size_t offset_ = 0;  // end of what was taken, in the current file
-  std::string tail_;        // the bytes just before offset_
+  std::uint64_t offset_ = 0;  // end of what was taken, in the current file
+  std::string tail_;          // the bytes just before offset_
 };
 
 }  // namespace palvin::tool
