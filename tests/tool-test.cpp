@@ -9,6 +9,7 @@
 #include <regex>
 
 #include "requests/request.h"
+#include "services/log.h"
 #include "support/run_tool.h"
 
 namespace palvin {
@@ -72,7 +73,7 @@ TEST(Tool, EveryCommandPrintsExactlyThisAndExits) {
   const std::string photo = dir.write("Files/Holiday \"1\".png", "x"), dangling = dir.file("gone.png");
   fs::create_symlink(dir.file("nothing"), dangling);  // selected as itself: a file
   dir.write("cat/capabilities.json", readText(kExample));
-  dir.write("cat/finder-extension.log", std::string(262143, '.') + "\n");  // trimmed by the first run: its lines alone show
+  dir.write("cat/finder-extension.log", std::string(FinderLog::kTrimThreshold - 1, '.') + "\n");  // trimmed by the first run: its lines alone show
   // A log past the 64 MiB documents' limit is still shown.
   fs::resize_file(dir.write("big/finder-extension.log", ""), 65 << 20);
   std::ofstream(dir.file("big/finder-extension.log"), std::ios::app) << "\n" + warn;
