@@ -120,9 +120,9 @@ TEST(FinderSyncMenu, WholeMenuAndStateForEachKindOfSelection) {
     World w;
     w.menuFor(kMov);
     w.putCatalogue("{", 1);
+    w.newLines();  // waits for the log's worker, which also touches the fake's folders
     w.fake.directories = {"/dir/a", "/dir/b.png", "/dir/d.png"};
     w.fake.unknownDirectoryness = {"/unknown.png"};
-    w.newLines();
     SCOPED_TRACE((selection ? selection->back() : "none") + " kind " + std::to_string(kind));
     EXPECT_EQ(render(w.menuFor(selection, kind)), menu);
     EXPECT_EQ(w.sync().targetFormatByTag(), tags);
