@@ -31,6 +31,8 @@ class FakePlatform : public Platform {
   };
 
   // --- Set-up ------------------------------------------------------------
+  // Change these before the first log line or after FinderLog::flush(): the
+  // log's worker reads some of them (folders, write failures) under the lock.
   std::optional<std::string> container = "/container";
   std::string bundle = "/Applications/Palvin.app/Contents/PlugIns/PalvinFinder.appex";
   std::optional<std::vector<std::string>> selection;
