@@ -1,5 +1,5 @@
 // What the host-app benchmarks share: a temporary container and starting the
-// sample host app from the build tree.
+// Linux host app from the build tree.
 #pragma once
 
 #include <signal.h>

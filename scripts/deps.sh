@@ -10,7 +10,7 @@ packages=(
   # and C library headers for arm64 and x86_64, shellcheck for the Mac's build
   # script (scripts/check-apple-build.py).
   ninja-build shellcheck llvm-14 libc++-14-dev libc++abi-14-dev libc6-dev-arm64-cross libc6-dev-amd64-cross
-  # The sample host app's converters (libvips with HEIC and PDF, poppler,
+  # The Linux host app's converters (libvips with HEIC and PDF, poppler,
   # libnotify, the ffmpeg program) and what its tests use to check outputs.
   libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
   # The GNOME Files module and the test that runs it in a real Nautilus.

@@ -1,4 +1,4 @@
-// End-to-end: the sample host app PalvinHost.app in the build tree converting
+// End-to-end: the Linux host app PalvinHost.app in the build tree converting
 // real files (install-test starts an installed one through the tool's pick).
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -188,7 +188,7 @@ TEST(Tool, WatchingShowsEachArrivalOnceThroughRenamesAndTrims) {
   EXPECT_TRUE(follow.output() == expected) << follow.output().substr(0, 400);  // each entry once, in order
 }
 
-// The demo's log lines as they come, its pick converted by the sample host app, and the log file.
+// The demo's log lines as they come, its pick converted by the host app, and the log file.
 TEST(Tool, DemoWalksThroughAPickAndKeepsTheContainerOnlyWhenAsked) {
   auto run = testing::runTool({"demo", "--keep"}, {"NO_COLOR=1"});
   std::smatch kept;

@@ -175,14 +175,14 @@ std::vector<RequestFile> Demo::readRequests() const {
   return out;
 }
 
-// The sample host app (PalvinHost.app around the tool in the build tree) takes
+// The host app (PalvinHost.app around the tool in the build tree) takes
 // the request in the background: wait until it has removed the request,
 // which it does once the results are written, and show them.
 void Demo::followHostApp(const std::vector<RequestFile>& requests) {
   if (!platform_->launchedBundle) {
     std::cout << style_.yellow(
                      "No host app around the tool (run build/<preset>/palvin-finder to have "
-                     "the sample host app take it); the request waits in requests/.")
+                     "the host app take it); the request waits in requests/.")
               << '\n';
     return;
   }
@@ -337,7 +337,7 @@ void addDemoCommand(CommandLine commandLine) {
       "demo",
       "Walk through what the extension does, step by step, in a temporary shared container holding\n"
       "the sample catalogue and a few sample files: menus for several selections, a pick whose request\n"
-      "the sample host app takes (when the tool runs from the build tree), a stale pick, the fallback\n"
+      "the host app takes (when the tool runs from the build tree), a stale pick, the fallback\n"
       "menu, a broken catalogue, and the log file.");
   command->add_flag("--keep", *keep, "leave the temporary container and files behind and say where");
   int& exitCode = commandLine.exitCode;

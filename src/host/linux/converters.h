@@ -1,4 +1,4 @@
-// What the sample host app can convert, in one table: the catalogue it
+// What the Linux host app can convert, in one table: the catalogue it
 // installs for the extension is built from this table, so the menu offers
 // exactly the conversions the code below performs.
 #pragma once

@@ -1,4 +1,4 @@
-// PalvinHost, the sample host app for Linux: the other end of the request
+// PalvinHost, the host app for Linux: the other end of the request
 // hand-off, a converter to keep, and a reference for writing a host app.
 //
 // The extension writes each conversion request as a JSON file into
