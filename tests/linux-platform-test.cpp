@@ -95,6 +95,15 @@ TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemAndLinksToTheNanosecond) {
   ASSERT_EQ(::symlink("folder", at("folder-link").c_str()), 0);
   EXPECT_EQ(platform.isDirectory(at("folder")), true);
   EXPECT_EQ(platform.isDirectory(at("folder-link")), false);
+  // A type the file manager handed over is the answer, without a look at the
+  // disk (here it contradicts the disk); items given as paths alone are looked at.
+  platform.setSelection(
+      std::vector<SelectedItem>{{at("folder"), false}, {at("absent"), true}, {at("folder-link")}});
+  EXPECT_EQ(platform.isDirectory(at("folder")), false);
+  EXPECT_EQ(platform.isDirectory(at("absent")), true);
+  EXPECT_EQ(platform.isDirectory(at("folder-link")), false);
+  platform.setSelection(std::vector<std::string>{at("folder")});
+  EXPECT_EQ(platform.isDirectory(at("folder")), true);
 }
 
 // Readers see one whole version or the other while a writer alternates them.

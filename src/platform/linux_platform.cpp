@@ -131,9 +131,24 @@ LinuxPlatform::~LinuxPlatform() {
   if (systemLogListens_) ::closelog();
 }
 
-void LinuxPlatform::setSelection(std::vector<std::string> paths) {
+void LinuxPlatform::setSelection(std::vector<SelectedItem> items) {
+  std::vector<std::string> paths;
+  std::unordered_map<std::string, bool> known;
+  paths.reserve(items.size());
+  for (auto& item : items) {
+    if (item.isDirectory) known.insert_or_assign(item.path, *item.isDirectory);
+    paths.push_back(std::move(item.path));
+  }
   std::lock_guard lock(mutex_);
   selection_ = std::move(paths);
+  knownDirectories_ = std::move(known);
+}
+
+void LinuxPlatform::setSelection(const std::vector<std::string>& paths) {
+  std::vector<SelectedItem> items;
+  items.reserve(paths.size());
+  for (const auto& path : paths) items.push_back(SelectedItem{path});
+  setSelection(std::move(items));
 }
 
 std::vector<std::string> LinuxPlatform::monitoredDirectories() const {
@@ -311,6 +326,10 @@ std::optional<std::vector<std::string>> LinuxPlatform::selectedItemPaths() {
 }
 
 std::optional<bool> LinuxPlatform::isDirectory(const std::string& path) {
+  {
+    std::lock_guard lock(mutex_);
+    if (auto known = knownDirectories_.find(path); known != knownDirectories_.end()) return known->second;
+  }
   struct stat info {};
   if (::lstat(path.c_str(), &info) != 0) return std::nullopt;
   return S_ISDIR(info.st_mode);

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/linux_mount_table.h"
@@ -15,6 +16,16 @@
 #include "platform/platform.h"
 
 namespace palvin {
+
+// One selected item as a file manager hands it over: its path and, where the
+// file manager already knows it, whether it is a directory. A known type is
+// answered without touching the disk, which on a network mount could block
+// the file manager's UI thread.
+struct SelectedItem {
+  std::string path;
+  std::optional<bool> isDirectory{};
+  bool operator==(const SelectedItem&) const = default;
+};
 
 class LinuxPlatform : public Platform {
  public:
@@ -37,7 +48,10 @@ class LinuxPlatform : public Platform {
   LinuxPlatform(const LinuxPlatform&) = delete;
   LinuxPlatform& operator=(const LinuxPlatform&) = delete;
 
-  void setSelection(std::vector<std::string> paths);
+  // The selection of the next menu. Paths alone have no known type: their
+  // directory check looks at the item itself.
+  void setSelection(std::vector<SelectedItem> items);
+  void setSelection(const std::vector<std::string>& paths);
   std::vector<std::string> monitoredDirectories() const;
 
   std::chrono::system_clock::time_point now() override;
@@ -85,6 +99,7 @@ class LinuxPlatform : public Platform {
   Options options_;
   mutable std::mutex mutex_;
   std::vector<std::string> selection_;
+  std::unordered_map<std::string, bool> knownDirectories_;  // the file manager's types
   std::vector<std::string> monitored_;
 
   std::once_flag systemLogOnce_;

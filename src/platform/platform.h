@@ -123,7 +123,9 @@ class Platform {
   virtual std::optional<std::vector<std::string>> selectedItemPaths() = 0;
   // Whether the item itself is a directory (a link to one is not, as a
   // selected URL's directory value describes the link); nothing when unknown
-  // or the lookup failed.
+  // or the lookup failed. Asked for each selected item on the file manager's
+  // UI thread: where the file manager handed over the item's type, that is
+  // the answer, and the disk is not touched.
   virtual std::optional<bool> isDirectory(const std::string& path) = 0;
   // Mounted volumes' root paths, hidden ones included, or nothing.
   virtual std::optional<std::vector<std::string>> mountedVolumePaths() = 0;

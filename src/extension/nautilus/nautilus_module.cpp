@@ -56,6 +56,7 @@ constexpr char kTagKey[] = "palvin-tag";
 constexpr char kFormatKey[] = "palvin-format";
 constexpr char kBuildKey[] = "palvin-build";
 constexpr char kSelectionKey[] = "palvin-selection";
+constexpr char kSelectionTypesKey[] = "palvin-selection-types";
 constexpr char kItemNamePrefix[] = "PalvinFinder::";
 
 constexpr std::uint64_t kContextualMenuForItems =
@@ -132,9 +133,10 @@ void endShell(Shell* shell) noexcept {
 
 // The local path of each selected item: its location's, or for items shown
 // under another scheme (recent:///, starred:///) their target's. Items with no
-// local path can't be handed to the host app and are left out.
-std::vector<std::string> selectedPaths(GList* files) {
-  std::vector<std::string> paths;
+// local path can't be handed to the host app and are left out. Each item's
+// type is Nautilus's own, so no selected item is examined on its UI thread.
+std::vector<SelectedItem> selectedItems(GList* files) {
+  std::vector<SelectedItem> items;
   for (GList* node = files; node != nullptr; node = node->next) {
     auto* info = static_cast<NautilusFileInfo*>(node->data);
     if (!NAUTILUS_IS_FILE_INFO(info)) continue;
@@ -151,11 +153,11 @@ std::vector<std::string> selectedPaths(GList* files) {
       }
     }
     if (path != nullptr) {
-      paths.emplace_back(path);
+      items.push_back(SelectedItem{path, nautilus_file_info_is_directory(info) != FALSE});
       g_free(path);
     }
   }
-  return paths;
+  return items;
 }
 
 // GTK's menus take "_" as a mnemonic mark; doubled, it shows as itself.
@@ -186,6 +188,7 @@ void activate(NautilusMenuItem* item, PalvinFinderMenuProvider* provider);
 struct MenuContext {
   PalvinFinderMenuProvider* provider;
   GPtrArray* selection;
+  GBytes* types;  // per item: 'd' directory, 'f' file, '?' unknown
 };
 
 // Nautilus's extension menus have no separators, so a separator leaves no
@@ -229,6 +232,8 @@ GList* makeItems(const std::vector<MenuItem>& items, const MenuContext& context,
       g_object_set_data_full(
           object, kSelectionKey, g_ptr_array_ref(context.selection),
           reinterpret_cast<GDestroyNotify>(reinterpret_cast<void (*)()>(g_ptr_array_unref)));
+      g_object_set_data_full(object, kSelectionTypesKey, g_bytes_ref(context.types),
+                             reinterpret_cast<GDestroyNotify>(reinterpret_cast<void (*)()>(g_bytes_unref)));
     }
     // Disconnected by GLib when the provider goes, so a late pick finds nothing.
     g_signal_connect_object(item, "activate", G_CALLBACK(activate), context.provider, GConnectFlags(0));
@@ -236,24 +241,41 @@ GList* makeItems(const std::vector<MenuItem>& items, const MenuContext& context,
   return made.release();
 }
 
+// The selection is kept with GLib's own types, so that Nautilus releasing the
+// items later calls no code of this module.
 GList* menuItems(PalvinFinderMenuProvider* provider, const Menu& menu,
-                 const std::vector<std::string>& selection) {
+                 const std::vector<SelectedItem>& selection) {
   GPtrArray* shared = g_ptr_array_new_with_free_func(g_free);
-  for (const auto& path : selection) g_ptr_array_add(shared, g_strdup(path.c_str()));
+  std::string types;
+  for (const auto& item : selection) {
+    g_ptr_array_add(shared, g_strdup(item.path.c_str()));
+    types += !item.isDirectory ? '?' : *item.isDirectory ? 'd' : 'f';
+  }
+  GBytes* typeBytes = g_bytes_new(types.data(), types.size());
   struct Release {
     GPtrArray* array;
-    ~Release() { g_ptr_array_unref(array); }
-  } release{shared};
-  return makeItems(menu.items, MenuContext{provider, shared}, "");
+    GBytes* bytes;
+    ~Release() {
+      g_ptr_array_unref(array);
+      g_bytes_unref(bytes);
+    }
+  } release{shared, typeBytes};
+  return makeItems(menu.items, MenuContext{provider, shared, typeBytes}, "");
 }
 
-std::vector<std::string> selectionOf(NautilusMenuItem* item) {
-  std::vector<std::string> paths;
+std::vector<SelectedItem> selectionOf(NautilusMenuItem* item) {
+  std::vector<SelectedItem> items;
   auto* selection = static_cast<GPtrArray*>(g_object_get_data(G_OBJECT(item), kSelectionKey));
-  if (selection == nullptr) return paths;
-  for (guint i = 0; i < selection->len; ++i)
-    paths.emplace_back(static_cast<const char*>(selection->pdata[i]));
-  return paths;
+  auto* typeBytes = static_cast<GBytes*>(g_object_get_data(G_OBJECT(item), kSelectionTypesKey));
+  if (selection == nullptr || typeBytes == nullptr) return items;
+  gsize count = 0;
+  const auto* types = static_cast<const char*>(g_bytes_get_data(typeBytes, &count));
+  for (guint i = 0; i < selection->len; ++i) {
+    SelectedItem selected{static_cast<const char*>(selection->pdata[i])};
+    if (i < count && types[i] != '?') selected.isDirectory = types[i] == 'd';
+    items.push_back(std::move(selected));
+  }
+  return items;
 }
 
 // Nautilus builds the menu whenever the selection changes, in every window,
@@ -274,7 +296,7 @@ void convert(Shell& shell, NautilusMenuItem* item) {
     (void)controller.menuForMenuKind(kContextualMenuForItems);
     auto entry = controller.targetFormatByTag().find(*tag);
     if (entry == controller.targetFormatByTag().end() || entry->second != formatId) {
-      gPlatform->setSelection({});
+      gPlatform->setSelection(std::vector<SelectedItem>{});
       ++shell.build;
       (void)controller.menuForMenuKind(kContextualMenuForItems);
     }
@@ -296,7 +318,7 @@ GList* getFileItems(NautilusMenuProvider* menuProvider, GList* files) {
   try {
     auto* provider = reinterpret_cast<PalvinFinderMenuProvider*>(menuProvider);
     if (provider->shell == nullptr) return nullptr;
-    std::vector<std::string> selection = selectedPaths(files);
+    std::vector<SelectedItem> selection = selectedItems(files);
     gPlatform->setSelection(selection);
     // Counted before the build, so that older items never take its tags for theirs.
     ++provider->shell->build;
