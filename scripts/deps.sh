@@ -6,10 +6,10 @@ packages=(
   cmake make g++ clang clang-format libclang-rt-14-dev git pkg-config
   libsimdjson-dev libicu-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev python3
-  # The Apple build's checks: Ninja, the LLVM tools that read Mach-O, libc++
-  # and C library headers for arm64 and x86_64, shellcheck for the Mac's build
-  # script (scripts/check-apple-build.py).
-  ninja-build shellcheck llvm-14 libc++-14-dev libc++abi-14-dev libc6-dev-arm64-cross libc6-dev-amd64-cross
+  # The Apple build's checks: Ninja, ld64.lld and the LLVM tools that write and
+  # read Mach-O, libc++'s headers, dpkg-source for simdjson's source package,
+  # shellcheck for the Mac's build script (scripts/check-apple-build.py).
+  ninja-build shellcheck lld-14 llvm-14 libc++-14-dev libc++abi-14-dev dpkg-dev
   # The Linux host app's converters (libvips with HEIC and PDF, poppler,
   # libnotify, the ffmpeg program) and what its tests use to check outputs.
   libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
