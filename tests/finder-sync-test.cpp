@@ -68,7 +68,6 @@ std::string pngMenu(const std::string& title = kTitle, std::string image = " (do
 // controller is made on first use, so that a case can set the platform up first.
 struct World {
   World() { putCatalogue("{", 0); }
-  ~World() { FinderLog::flush(); }  // the log queue holds on to the platform
   // The sample catalogue opened by `head`, dated `date` so that a new date is read again.
   void putCatalogue(const std::string& head, std::int64_t date) {
     std::ifstream in(PALVIN_SOURCE_DIR "/examples/capabilities.json");
@@ -215,8 +214,6 @@ const std::string kDecodeFailed = "[ERROR] Failed to decode capabilities: ";
 
 class HostileInput : public ::testing::Test {
  protected:
-  void TearDown() override { FinderLog::flush(); }  // queued lines refer to this platform
-
   // The log's last line without its timestamp.
   std::string lastLogLine() {
     FinderLog::flush();

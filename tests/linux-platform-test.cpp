@@ -1,7 +1,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <palvin/identifiers.h>
+#include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,6 +16,8 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <iterator>
+#include <set>
 #include <thread>
 
 #include "finder/finder_sync.h"
@@ -22,6 +26,7 @@
 #include "platform/linux_mount_table.h"
 #include "platform/linux_platform.h"
 #include "platform/linux_strings_file.h"
+#include "services/log.h"
 #include "support/temp_dir.h"
 
 namespace palvin {
@@ -286,6 +291,46 @@ TEST_F(Linux, MountEventsReachEveryLiveObserverInAPrivateNamespace) {
   if (WEXITSTATUS(status) == 77)
     GTEST_SKIP() << "no private mount namespace here (the error output says why)";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "the error output says why";
+}
+
+// --- Threads ----------------------------------------------------------------
+
+// The threads of this process, by id.
+std::set<std::string> threadIds() {
+  std::set<std::string> ids;
+  for (const auto& task : fs::directory_iterator("/proc/self/task")) ids.insert(task.path().filename());
+  return ids;
+}
+
+// The log's worker and the mount watcher, started from a thread that blocks
+// nothing, block every signal the host might send.
+TEST_F(Linux, ThreadsTheExtensionStartsBlockEverySignal) {
+  LinuxPlatform logging({.container = dir.str()});
+  ScopedPlatform installed(logging);
+  FinderLog::shutdown();
+  sigset_t none;
+  sigset_t saved;
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, &saved);
+  const auto before = threadIds();
+  FinderLog::log(FinderLog::Level::info, "starts the worker");
+  const VolumeObservation observation = logging.observeVolumeChanges([] {});
+  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+  std::vector<std::string> started;
+  std::ranges::set_difference(threadIds(), before, std::back_inserter(started));
+  EXPECT_EQ(started.size(), 2u);
+  for (const auto& id : started) {
+    const std::string status = testing::readText("/proc/self/task/" + id + "/status");
+    const auto at = status.find("SigBlk:");
+    ASSERT_NE(at, std::string::npos);
+    const unsigned long long blocked = std::stoull(status.substr(at + 7), nullptr, 16);
+    std::string open;
+    for (int signal : {SIGHUP, SIGINT, SIGPIPE, SIGALRM, SIGTERM, SIGUSR1, SIGCHLD, SIGWINCH})
+      if ((blocked & (1ull << (signal - 1))) == 0) open += sigabbrev_np(signal) + std::string(" ");
+    EXPECT_EQ(open, "") << "signals thread " << id << " takes";
+  }
+  logging.stopObservingVolumeChanges(observation);
+  FinderLog::shutdown();
 }
 
 // --- Localised strings ------------------------------------------------------------

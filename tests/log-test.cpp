@@ -1,10 +1,12 @@
 #include "services/log.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -121,6 +123,60 @@ TEST_F(LogTest, ShutdownEndsTheWorkerAndALaterLineStartsItAgain) {
   FinderLog::log(Level::info, "two");
   EXPECT_EQ(fileContent(), line("INFO", "one") + line("INFO", "two"));
   FinderLog::shutdown();
+}
+
+// No thread to be had: every new thread's stack made too large to map.
+struct NoNewThreads {
+  NoNewThreads() {
+    pthread_getattr_default_np(&saved);
+    pthread_attr_t huge;
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, std::size_t{1} << 46);
+    pthread_setattr_default_np(&huge);
+    pthread_attr_destroy(&huge);
+  }
+  ~NoNewThreads() {
+    pthread_setattr_default_np(&saved);
+    pthread_attr_destroy(&saved);
+  }
+  pthread_attr_t saved;
+};
+
+// Inside a host that ran out of threads every call returns and drops its
+// line; once threads can be had again, the next line is written. With no
+// platform installed, a line goes nowhere. Uninstalling a platform writes
+// its lines before it can go.
+TEST_F(LogTest, NoCallWaitsForAWorkerThatCouldNotStartAndNoneNeedsAPlatform) {
+  testing::Watchdog guard;
+  FinderLog::log(Level::info, "before");
+  FinderLog::shutdown();
+  {
+    NoNewThreads none;
+    FinderLog::log(Level::info, "lost");
+    FinderLog::flush();
+    FinderLog::shutdown();
+  }
+  FinderLog::log(Level::info, "after");
+  EXPECT_EQ(fileContent(), line("INFO", "before") + line("INFO", "after"));
+
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        installPlatform(nullptr);
+        FinderLog::log(Level::error, "nowhere");
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+
+  std::string written;
+  {
+    FakePlatform brief;
+    std::optional<ScopedPlatform> installed(brief);
+    for (int i = 0; i < 1000; ++i) FinderLog::log(Level::info, "n");
+    installed.reset();
+    written = brief.file(kLogPath).value_or(FakePlatform::File{}).content;
+  }  // gone, and the log's worker must not reach it
+  EXPECT_EQ(written.size(), 1000 * line("INFO", "n").size());
 }
 
 // Many threads log at once, on the real Linux platform, while the file is

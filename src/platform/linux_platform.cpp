@@ -16,13 +16,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <system_error>
-#include <thread>
 
 #include "platform/linux_files.h"
 #include "platform/linux_localization.h"
 #include "platform/linux_text.h"
 #include "shared/paths.h"
+#include "shared/threads.h"
 
 extern char** environ;
 
@@ -309,12 +308,12 @@ void LinuxPlatform::openApplication(const std::string& bundlePath, const OpenCon
     return;
   }
   try {
-    std::thread([child] {
+    startQuietThread([child] {
       int status = 0;
       while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
       }
     }).detach();
-  } catch (const std::system_error&) {
+  } catch (...) {
     // Without a thread the child stays a zombie until this process ends.
   }
   completion(std::nullopt);

@@ -148,10 +148,20 @@ class Platform {
 };
 
 // The platform installed by the entry point (the macOS shell, the tool, a
-// test). Installing replaces the previous one; the caller keeps ownership.
+// test). Installing replaces the previous one; the caller keeps ownership,
+// and may destroy the one replaced as soon as this returns.
 void installPlatform(Platform* platform);
+// Stops the process when none is installed: a mistake of the entry point.
 Platform& currentPlatform();
-bool hasPlatform();
+// The installed platform, or null, for what must work before or after one.
+Platform* installedPlatform();
+
+// Called with a platform that stops being the installed one (replaced,
+// uninstalled, or at the end of its ScopedPlatform), before that call
+// returns: work queued against it finishes or is dropped then. One handler,
+// set once by the log.
+using PlatformRetiredHandler = void (*)(Platform& retired);
+void setPlatformRetiredHandler(PlatformRetiredHandler handler);
 
 // Installs a platform for the lifetime of a scope and puts back the previous
 // one, also when the scope is left by an exception.
