@@ -2,20 +2,30 @@
 // module calling its three entry points) and driven through its menu provider
 // with file-info objects, without a display. The module carries its own copy
 // of the core, so this test links none of it and reads the results from disk.
+#include <fcntl.h>
 #include <glib-object.h>
 #include <gmock/gmock.h>
 #include <gmodule.h>
 #include <gtest/gtest.h>
+#include <linux/fuse.h>
 #include <palvin/identifiers.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 extern "C" {
 #include <nautilus-extension.h>
 }
 
+#include <cstring>
 #include <filesystem>
+#include <future>
 #include <map>
 #include <regex>
+#include <thread>
 
 #include "support/temp_dir.h"
 
@@ -37,6 +47,9 @@ void fileInfoInterface(NautilusFileInfoInterface* iface) {
   };
   iface->get_activation_uri = [](NautilusFileInfo* info) {
     return g_strdup(static_cast<char*>(g_object_get_data(G_OBJECT(info), "target")));
+  };
+  iface->is_directory = [](NautilusFileInfo* info) {
+    return static_cast<gboolean>(GPOINTER_TO_INT(g_object_get_data(G_OBJECT(info), "directory")));
   };
 }
 G_DEFINE_TYPE_WITH_CODE(FileInfo, file_info, G_TYPE_OBJECT,
@@ -137,11 +150,16 @@ class NautilusModule : public ::testing::Test {
     palvin::testing::writeText(container + "/capabilities.json", text);
   }
   // Files of the test's directory or URIs; "A -> B" is a location A opened by the URI B.
+  // Nautilus's type of a name ending in "/" is a folder, of any other a file.
   std::string menuFor(const std::vector<std::string>& names) {
     GList* files = nullptr;
     for (const auto& name : names) {
       GObject* info = G_OBJECT(g_object_new(file_info_get_type(), nullptr));
       std::string at = name.substr(0, name.find(" -> "));
+      if (at.ends_with('/')) {
+        at.pop_back();
+        g_object_set_data(info, "directory", GINT_TO_POINTER(1));
+      }
       if (at.find(':') == at.npos) at = "file://" + dir / at;
       g_object_set_data_full(info, "uri", g_strdup(at.c_str()), g_free);
       if (name.find(" -> ") != name.npos)
@@ -182,7 +200,8 @@ TEST_F(NautilusModule, MenusForSelections) {
     std::string menu;
   } cases[] = {
       {kCatalogue, {"photo.png"}, kPhotoMenu},
-      {kCatalogue, {"folder"}, ""},
+      {kCatalogue, {"folder/"}, ""},
+      {kCatalogue, {"photo.png/", "doc.pdf/"}, ""},  // the types are Nautilus's, whatever the disk holds
       {kCatalogue, {"recent:///photo.png -> file://" + dir / "photo.png"}, kPhotoMenu},
       {kCatalogue, {"trash:///photo.png"}, ""},  // no local path to hand over
       {R"({"schemaVersion":1,"generatedAt":"","convertMenuTitle":"To_Do",
@@ -234,6 +253,118 @@ TEST_F(NautilusModule, PicksSendWhatTheUserSaw) {
   // Every line was written before the provider went, the stale pick's last.
   EXPECT_THAT(readText(container + "/finder-extension.log"),
               ::testing::EndsWith("[WARN] convertAction: stale menu state for tag 3\n"));
+}
+
+// A FUSE file system that answers its start and nothing else, as a hung
+// network mount (smb://, sftp:// under gvfs) does: a look at any path in it
+// waits. It is served by a child process in a mount namespace of its own, so
+// nothing outside sees it; this process reaches it through /proc/<child>/root.
+// The child reports each request it leaves unanswered on a pipe.
+class HangingMount {
+ public:
+  explicit HangingMount(const std::string& mountPoint) : mountPoint_(mountPoint) {
+    int fuse = ::open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    int ready[2], report[2];
+    if (fuse < 0 || ::pipe2(ready, O_CLOEXEC) != 0 || ::pipe2(report, O_CLOEXEC | O_NONBLOCK) != 0) {
+      problem = std::string("no /dev/fuse or pipes: ") + std::strerror(errno);
+      return;
+    }
+    // Made before the fork: the child of a threaded process may only make system calls.
+    const std::string options = "fd=" + std::to_string(fuse) +
+                                ",rootmode=40000,user_id=" + std::to_string(::getuid()) +
+                                ",group_id=" + std::to_string(::getgid());
+    const std::string uidMap = "0 " + std::to_string(::getuid()) + " 1";
+    child_ = ::fork();
+    if (child_ == 0) serve(fuse, ready[1], report[1], options, uidMap);
+    ::close(fuse);  // the child's is the last: its end fails every waiting request
+    ::close(ready[1]);
+    ::close(report[1]);
+    report_ = report[0];
+    pollfd wait{ready[0], POLLIN, 0};
+    char status = 0;
+    if (child_ < 0 || ::poll(&wait, 1, 10000) != 1 || ::read(ready[0], &status, 1) != 1 || status != 'r')
+      problem = "no FUSE mount in a private namespace here";
+    ::close(ready[0]);
+  }
+  ~HangingMount() { end(); }
+  // Ends the file system; what waits on it fails at once.
+  void end() {
+    if (child_ <= 0) return;
+    ::kill(child_, SIGKILL);
+    ::waitpid(child_, nullptr, 0);
+    child_ = 0;
+  }
+  std::string path(const std::string& name) const {
+    return "/proc/" + std::to_string(child_) + "/root" + mountPoint_ + "/" + name;
+  }
+  // The FUSE operation codes of the requests that reached the file system.
+  std::vector<std::uint32_t> requests() {
+    std::vector<std::uint32_t> codes;
+    for (std::uint32_t code; ::read(report_, &code, sizeof code) == sizeof code;) codes.push_back(code);
+    return codes;
+  }
+  std::optional<std::string> problem;
+
+ private:
+  [[noreturn]] void serve(int fuse, int ready, int report, const std::string& options,
+                          const std::string& uidMap) {
+    auto write = [](const char* path, const std::string& text) {
+      int fd = ::open(path, O_WRONLY);
+      return fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    };
+    bool inNamespace = ::unshare(CLONE_NEWNS) == 0 ||
+                       (::unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 &&
+                        write("/proc/self/setgroups", "deny") && write("/proc/self/uid_map", uidMap));
+    if (!inNamespace || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("palvin-hanging", mountPoint_.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0)
+      ::_exit(1);
+    static char buffer[1 << 18];
+    for (;;) {
+      ssize_t got = ::read(fuse, buffer, sizeof buffer);
+      if (got < static_cast<ssize_t>(sizeof(fuse_in_header))) ::_exit(0);
+      fuse_in_header request;
+      std::memcpy(&request, buffer, sizeof request);
+      if (request.opcode != FUSE_INIT) {
+        (void)!::write(report, &request.opcode, sizeof request.opcode);
+        continue;
+      }
+      struct {
+        fuse_out_header header;
+        fuse_init_out init;
+      } reply{};
+      reply.header = {sizeof reply, 0, request.unique};
+      reply.init.major = FUSE_KERNEL_VERSION;
+      reply.init.minor = FUSE_KERNEL_MINOR_VERSION;
+      reply.init.max_write = 4096;
+      if (::write(fuse, &reply, sizeof reply) != sizeof reply) ::_exit(1);
+      (void)!::write(ready, "r", 1);
+    }
+  }
+
+  std::string mountPoint_;
+  pid_t child_ = -1;
+  int report_ = -1;
+};
+
+// The selection lies on a mount that hangs: the menu comes from Nautilus's
+// types at once, and not one request reaches the mount. A look at the disk
+// would wait until the mount ends, which the test does after 30 seconds.
+TEST_F(NautilusModule, AHungMountGetsItsMenuFromNautilusTypesWithoutWaiting) {
+  writeCatalogue(kCatalogue);
+  fs::create_directory(dir / "mnt");
+  HangingMount mount(dir / "mnt");
+  if (mount.problem) GTEST_SKIP() << *mount.problem;
+  std::promise<std::string> menu;
+  std::thread nautilus([&] {
+    menu.set_value(menuFor({"file://" + mount.path("photo.png"), "file://" + mount.path("folder/")}));
+  });
+  auto built = menu.get_future();
+  const bool waited = built.wait_for(std::chrono::seconds(30)) != std::future_status::ready;
+  mount.end();
+  nautilus.join();
+  EXPECT_FALSE(waited) << "the menu waited for the hung mount";
+  EXPECT_EQ(built.get(), kPhotoMenu);
+  EXPECT_TRUE(mount.requests().empty());
 }
 
 }  // namespace
