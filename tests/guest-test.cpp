@@ -88,8 +88,9 @@ TEST_F(Guest, TheHostsSyslogIdentityAndFacilitySurviveTheExtension) {
 // category as fields, a message with line feeds in the protocol's sized form.
 // Without a journal, nothing is sent.
 TEST_F(Guest, EntriesReachTheJournalWithTheSubsystemAndCategory) {
-  const std::string fields = "SYSLOG_IDENTIFIER=" + std::string(ids::kLogSubsystem) + "\nPALVIN_SUBSYSTEM=" +
-                             std::string(ids::kLogSubsystem) + "\nPALVIN_CATEGORY=PalvinFinder\n";
+  const std::string fields = "SYSLOG_IDENTIFIER=" + std::string(ids::kLogSubsystem) +
+                             "\nPALVIN_SUBSYSTEM=" + std::string(ids::kLogSubsystem) +
+                             "\nPALVIN_CATEGORY=PalvinFinder\n";
   const std::vector<std::string> expected = {
       "PRIORITY=7\n" + fields + "MESSAGE=d\n", "PRIORITY=6\n" + fields + "MESSAGE=\n",
       "PRIORITY=3\n" + fields + "MESSAGE=w = 1\n",
