@@ -352,8 +352,11 @@ def make_universal(work):
         executable = f"{bundle}/Contents/MacOS/{name}"
         run([tool("llvm-lipo"), "-create", *(work / arch / executable for arch in ARCHES), "-output",
              universal / executable])
+    log = work / "arm64/codesign.log"
+    if not log.exists():
+        raise Failed(f"{log} is missing: apple-build-arm64 did not finish")
     signed = {}
-    for line in (work / "arm64/codesign.log").read_text().splitlines():
+    for line in log.read_text().splitlines():
         args = shlex.split(line)
         if "--entitlements" in args:
             signed[Path(args[-1]).stem] = Path(args[args.index("--entitlements") + 1])
