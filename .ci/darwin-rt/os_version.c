@@ -2,8 +2,8 @@
 // compiles to. Apple's clang links compiler-rt's own (libclang_rt.osx.a);
 // Debian has none for Darwin, so the Linux build of the Apple bundles links
 // this instead. It answers from the kern.osproductversion sysctl.
-#include <stdint.h>
 #include <stddef.h>
+#include <stdint.h>
 
 int sysctlbyname(const char* name, void* oldp, size_t* oldlenp, void* newp, size_t newlen);
 
