@@ -15,6 +15,7 @@ extern "C" {
 
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <regex>
 
 #include "support/temp_dir.h"
@@ -37,6 +38,11 @@ void fileInfoInterface(NautilusFileInfoInterface* iface) {
   };
   iface->get_activation_uri = [](NautilusFileInfo* info) {
     return g_strdup(static_cast<char*>(g_object_get_data(G_OBJECT(info), "target")));
+  };
+  // Nautilus answers from what it already knows of the file.
+  iface->is_directory = [](NautilusFileInfo* info) {
+    g_autoptr(GFile) file = g_file_new_for_uri(static_cast<char*>(g_object_get_data(G_OBJECT(info), "uri")));
+    return gboolean(g_file_query_file_type(file, G_FILE_QUERY_INFO_NONE, nullptr) == G_FILE_TYPE_DIRECTORY);
   };
 }
 G_DEFINE_TYPE_WITH_CODE(FileInfo, file_info, G_TYPE_OBJECT,
@@ -196,6 +202,24 @@ TEST_F(NautilusModule, MenusForSelections) {
   for (const auto& c : cases) {
     writeCatalogue(c.catalogue);
     EXPECT_EQ(menuFor(c.selection), c.menu) << c.selection.front();
+  }
+  // Once Nautilus lets go of the items, each item and its submenu are gone.
+  // (Nautilus 43's own menus never release the items they hold.)
+  std::vector<std::unique_ptr<GWeakRef, void (*)(GWeakRef*)>> made;
+  for (GList* menu : menus) {
+    for (GList* node = menu; node != nullptr; node = node->next) {
+      g_autoptr(NautilusMenu) submenu = nullptr;
+      g_object_get(node->data, "menu", &submenu, nullptr);
+      for (gpointer object : {node->data, gpointer(submenu)}) {
+        made.emplace_back(new GWeakRef, [](GWeakRef* ref) { g_weak_ref_clear(ref), delete ref; });
+        g_weak_ref_init(made.back().get(), object);
+      }
+    }
+  }
+  for (GList* menu : std::exchange(menus, {})) g_list_free_full(menu, g_object_unref);
+  for (auto& ref : made) {
+    g_autoptr(GObject) alive = G_OBJECT(g_weak_ref_get(ref.get()));
+    EXPECT_EQ(alive, nullptr) << G_OBJECT_TYPE_NAME(alive);
   }
 }
 
