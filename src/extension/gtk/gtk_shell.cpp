@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "extension/gtk/catalogue_monitor.h"
 #include "extension/gtk/gtk_platform.h"
 #include "extension/shell/extension_shell.h"
 #include "extension/shell/menu_rendering.h"
@@ -16,9 +17,11 @@
 namespace palvin::gtk_shell {
 namespace {
 
-// A provider's state: the principal object's controller.
+// A provider's state: the principal object's controller, and the watch that
+// tells the file manager when the catalogue changed.
 struct Provider {
   ExtensionShell shell;
+  std::unique_ptr<CatalogueMonitor> monitor;
   explicit Provider(LinuxPlatform& platform) : shell(platform) {}
 };
 
@@ -52,19 +55,25 @@ Provider* providerOf(gpointer object) {
 }
 
 // The controller logs its launch, registers the monitored directories and
-// starts watching mounts.
+// starts watching mounts; the monitor watches the container.
 void initInstance(GTypeInstance* instance, gpointer) {
   auto* object = reinterpret_cast<ProviderObject*>(instance);
   object->provider = nullptr;
   if (gPlatform == nullptr) return;
   try {
-    object->provider = new Provider(*gPlatform);
+    auto provider = std::make_unique<Provider>(*gPlatform);
+    if (gApi->itemsUpdated != nullptr) {
+      auto itemsUpdated = gApi->itemsUpdated;
+      provider->monitor =
+          std::make_unique<CatalogueMonitor>([object, itemsUpdated] { itemsUpdated(G_OBJECT(object)); });
+    }
+    object->provider = provider.release();
   } catch (...) {
     // Without a controller every callback answers with nothing.
   }
 }
 
-// The controller stops watching mounts, and the log writes
+// The monitor stops, the controller stops watching mounts, and the log writes
 // what is queued and ends its worker: no thread of this module outlives the
 // provider.
 void finalize(GObject* object) {

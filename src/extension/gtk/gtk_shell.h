@@ -2,7 +2,7 @@
 // Thunar): their extension APIs differ in names, not in shape. A module
 // describes its API in an Api table and registers the one provider type here;
 // the rest (the platform of a loaded module, the selection, the menu turned
-// into the file manager's items, picks) lives here once.
+// into the file manager's items, picks, the catalogue monitor) lives here once.
 // File managers call it on their main thread. Every entry catches whatever the
 // C++ side might throw: an exception reaching the file manager's C code would
 // end it.
@@ -33,6 +33,10 @@ struct FileInfoApi {
 struct Api {
   MenuApi menus;
   FileInfoApi files;
+  // Makes the file manager ask for the provider's items again; null where the
+  // API has no items-updated signal (its menus are then asked for afresh at
+  // every right-click, or stay until the selection changes).
+  void (*itemsUpdated)(GObject* provider);
 };
 
 // How a file manager registers a module's types: a GTypeModule or its own.

@@ -31,6 +31,9 @@ const Api kApi = {
         [](GObject* info) { return nautilus_file_info_get_activation_uri(NAUTILUS_FILE_INFO(info)); },
         [](GObject* info) { return nautilus_file_info_is_directory(NAUTILUS_FILE_INFO(info)); },
     },
+    [](GObject* provider) {
+      nautilus_menu_provider_emit_items_updated_signal(NAUTILUS_MENU_PROVIDER(provider));
+    },
 };
 
 void initInterface(gpointer iface, gpointer) {
