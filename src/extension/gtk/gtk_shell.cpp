@@ -158,7 +158,9 @@ void keepPick(GObject* item, const MenuItem& model, const MenuContext& context) 
                          reinterpret_cast<GDestroyNotify>(reinterpret_cast<void (*)()>(g_bytes_unref)));
 }
 
-// Names only need to be unique in one menu: the item's place in the tree.
+// Names only need to be unique in one menu: the item's place in the tree,
+// and its kind, since Nemo's and Caja's UI managers keep a name's first kind
+// (the fallback item, then the Convert submenu in its place, would not show).
 // Where the API has no separators, the categories after one stand apart as
 // submenus all the same.
 GList* makeItems(const std::vector<MenuItem>& items, const MenuContext& context, const std::string& place) {
@@ -168,7 +170,8 @@ GList* makeItems(const std::vector<MenuItem>& items, const MenuContext& context,
   for (const MenuItem& model : items) {
     if (model.isSeparator && api.newSeparator == nullptr) continue;
     std::string itemPlace = (place.empty() ? "" : place + ".") + std::to_string(index++);
-    std::string name = kItemNamePrefix + itemPlace;
+    const char* kind = model.isSeparator ? "separator." : model.submenu ? "menu." : "item.";
+    std::string name = kItemNamePrefix + (kind + itemPlace);
     if (model.isSeparator) {
       made.list = g_list_append(made.list, api.newSeparator(name.c_str()));
       continue;

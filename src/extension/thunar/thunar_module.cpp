@@ -2,7 +2,10 @@
 // Thunar asks its menu providers afresh at every right-click, so its API has
 // no items-updated signal and needs none; it has no separators either.
 #include <gmodule.h>
+// thunarx-provider-plugin.h alone lacks G_BEGIN_DECLS.
+extern "C" {
 #include <thunarx/thunarx.h>
+}
 
 #include "extension/gtk/gtk_shell.h"
 
