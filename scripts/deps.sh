@@ -18,7 +18,7 @@ packages=(
   # The file managers' modules (GNOME Files, Nemo, Caja, Thunar), and the
   # file managers themselves with what their real-program test runs them in.
   libnautilus-extension-dev nautilus libnemo-extension-dev nemo libcaja-extension-dev caja
-  libthunarx-3-dev thunar librsvg2-common xvfb xdotool dbus imagemagick
+  libthunarx-3-dev thunar librsvg2-common xvfb xdotool dbus imagemagick python3-pyatspi at-spi2-core
 )
 
 missing=()
