@@ -15,8 +15,10 @@ packages=(
   # The Linux host app's converters (libvips with HEIC and PDF, poppler,
   # libnotify, the ffmpeg program) and what its tests use to check outputs.
   libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
-  # The GNOME Files module and the test that runs it in a real Nautilus.
-  libnautilus-extension-dev nautilus librsvg2-common xvfb xdotool dbus imagemagick
+  # The file managers' modules (GNOME Files, Nemo, Caja, Thunar), and the
+  # file managers themselves with what their real-program test runs them in.
+  libnautilus-extension-dev nautilus libnemo-extension-dev nemo libcaja-extension-dev caja
+  libthunarx-3-dev thunar librsvg2-common xvfb xdotool dbus imagemagick python3-pyatspi at-spi2-core
 )
 
 missing=()
