@@ -10,9 +10,11 @@ packages=(
   # and C library headers for arm64 and x86_64, shellcheck for the Mac's build
   # script (scripts/check-apple-build.py).
   ninja-build shellcheck llvm-14 libc++-14-dev libc++abi-14-dev libc6-dev-arm64-cross libc6-dev-amd64-cross
-  # The Linux host app's converters (libvips with HEIC and PDF, poppler,
-  # libnotify, the ffmpeg program) and what its tests use to check outputs.
-  libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
+  # The Linux host app's converters (libvips with HEIC and PDF, poppler, the
+  # ffmpeg program), GIO for its desktop notifications, and what its tests use
+  # to make fixtures and check outputs (cairo draws a PDF, pdftotext reads it).
+  libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libglib2.0-dev zlib1g-dev ffmpeg
+  libcairo2-dev poppler-utils
   # The GNOME Files module and the test that runs it in a real Nautilus.
   libnautilus-extension-dev nautilus librsvg2-common xvfb xdotool dbus imagemagick
 )
