@@ -42,8 +42,6 @@ class NotificationService {
     g_test_dbus_down(bus_);
     g_object_unref(bus_);
   }
-  NotificationService(const NotificationService&) = delete;
-  NotificationService& operator=(const NotificationService&) = delete;
 
   // The environment entry that puts a program on this bus.
   std::string env() const {
@@ -67,37 +65,37 @@ class NotificationService {
   static constexpr const char* kPath = "/org/freedesktop/Notifications";
 
   static GDBusMessage* answer(GDBusConnection* connection, GDBusMessage* call, gboolean incoming,
-                              gpointer data) {
+                              gpointer self) {
     if (!incoming || g_dbus_message_get_message_type(call) != G_DBUS_MESSAGE_TYPE_METHOD_CALL ||
-        g_strcmp0(g_dbus_message_get_interface(call), kName) != 0) {
+        g_strcmp0(g_dbus_message_get_interface(call), kName) != 0)
       return call;
-    }
-    auto* self = static_cast<NotificationService*>(data);
     const std::string member = g_dbus_message_get_member(call);
-    GVariant* out = g_variant_new_parsed("()");
-    if (member == "GetCapabilities") {
-      out = g_variant_new_parsed("(['actions', 'body', 'body-markup'],)");
-    } else if (member == "Notify") {
-      Notice notice;
-      const char *summary, *body;
-      GVariantIter* actions;
-      g_variant_get(g_dbus_message_get_body(call), "(su&s&s&sasa{sv}i)", nullptr, &notice.replacesId, nullptr,
-                    &summary, &body, &actions, nullptr, nullptr);
-      notice.summary = summary, notice.body = body;
-      for (const char* action; g_variant_iter_loop(actions, "&s", &action);)
-        notice.actions.emplace_back(action);
-      g_variant_iter_free(actions);
-      std::lock_guard lock(self->mutex_);
-      notice.id = notice.replacesId != 0 ? notice.replacesId : std::uint32_t(self->notices_.size() + 1);
-      self->notices_.push_back(notice);
-      out = g_variant_new("(u)", notice.id);
-    }
+    // A service that reads bodies as markup, as GNOME Shell's does.
+    GVariant* out = member == "GetCapabilities" ? g_variant_new_parsed("(['actions', 'body-markup'],)")
+                    : member == "Notify"        ? static_cast<NotificationService*>(self)->record(call)
+                                                : g_variant_new_parsed("()");
     GDBusMessage* reply = g_dbus_message_new_method_reply(call);
     g_dbus_message_set_body(reply, out);
     g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     g_object_unref(reply);
     g_object_unref(call);
     return nullptr;
+  }
+
+  GVariant* record(GDBusMessage* call) {
+    Notice notice;
+    const char *summary, *body;
+    GVariantIter* actions;
+    g_variant_get(g_dbus_message_get_body(call), "(su&s&s&sasa{sv}i)", nullptr, &notice.replacesId, nullptr,
+                  &summary, &body, &actions, nullptr, nullptr);
+    notice.summary = summary, notice.body = body;
+    for (const char* action; g_variant_iter_loop(actions, "&s", &action);)
+      notice.actions.emplace_back(action);
+    g_variant_iter_free(actions);
+    std::lock_guard lock(mutex_);
+    notice.id = notice.replacesId != 0 ? notice.replacesId : std::uint32_t(notices_.size() + 1);
+    notices_.push_back(notice);
+    return g_variant_new("(u)", notice.id);
   }
 
   GTestDBus* bus_;
