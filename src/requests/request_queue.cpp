@@ -218,7 +218,9 @@ void FinderRequestQueue::handle(Claim& claim) {
   if (::unlink(claimed.c_str()) != 0) log(Level::error, "Cannot remove " + describe(claimed, errno));
   std::string counts = std::to_string(result.count(FileStatus::converted)) + " converted, " +
                        std::to_string(result.count(FileStatus::failed)) + " failed";
-  if (cancelled) counts += ", " + std::to_string(result.count(FileStatus::cancelled)) + " cancelled";
+  // A cancel that came as the last file ended cancelled nothing.
+  if (std::size_t stopped = result.count(FileStatus::cancelled))
+    counts += ", " + std::to_string(stopped) + " cancelled";
   log(Level::info, "Handled request " + claim.name + ": " + std::to_string(result.files.size()) +
                        " file(s) \xE2\x86\x92 " + result.targetFormatId + ", " + counts);
   if (options_.finished) options_.finished(claim.name, result);
