@@ -12,9 +12,11 @@ packages=(
   # read Mach-O, libc++'s headers, dpkg-source for simdjson's source package,
   # shellcheck for the Mac's build script (scripts/check-apple-build.py).
   ninja-build shellcheck lld-14 llvm-14 libc++-14-dev libc++abi-14-dev dpkg-dev
-  # The Linux host app's converters (libvips with HEIC and PDF, poppler,
-  # libnotify, the ffmpeg program) and what its tests use to check outputs.
-  libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
+  # The Linux host app's converters (libvips with HEIC and PDF, poppler, the
+  # ffmpeg program), GIO for its desktop notifications, and what its tests use
+  # to make fixtures and check outputs (cairo draws a PDF, pdftotext reads it).
+  libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libglib2.0-dev zlib1g-dev ffmpeg
+  libcairo2-dev poppler-utils
   # The file managers' modules (GNOME Files, Nemo, Caja, Thunar), and the
   # file managers themselves with what their real-program test runs them in.
   libnautilus-extension-dev nautilus libnemo-extension-dev nemo libcaja-extension-dev caja
