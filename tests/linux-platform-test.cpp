@@ -25,6 +25,7 @@
 #include "platform/linux_platform.h"
 #include "platform/linux_strings_file.h"
 #include "services/log.h"
+#include "support/host_locale.h"
 #include "support/private_namespace.h"
 #include "support/temp_dir.h"
 
@@ -68,20 +69,39 @@ class Linux : public ::testing::Test {
 
 // --- Files ----------------------------------------------------------------
 
-// Odd files in a whole-file read's place are refused by the hostile input test.
+// Whatever the host app, the disk or another process leaves in a catalogue's
+// place, a read fails at once with the reason the log shows, in the host's
+// locale too (a decimal comma here). A dangling link has a date of its own, so
+// it is read and fails rather than pass for a missing file.
 TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemAndLinksToTheNanosecond) {
+  const testing::HostLocale german("de_DE.UTF-8");
+  ASSERT_TRUE(german.active());
   const std::string binary("a\0b\n\xFF", 5);
   writeText(at("data"), binary);
-  writeText(at("limit"), "");
-  fs::resize_file(at("limit"), LinuxPlatform::kMaxReadSize);  // sparse
+  for (const auto& [name, size] : {std::pair{"limit", 0}, {"65.1", (1 << 20) + (1 << 20) / 10}}) {
+    writeText(at(name), "");
+    fs::resize_file(at(name), LinuxPlatform::kMaxReadSize + size);  // sparse
+  }
+  ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
+  ASSERT_EQ(::symlink("/dev/zero", at("zero").c_str()), 0);
+  ASSERT_EQ(::symlink("gone", at("dangling").c_str()), 0);
+  fs::create_directory(at("folder"));
+  testing::Watchdog guard;
   EXPECT_EQ(platform.readFile(at("data")).value(), binary);
   EXPECT_EQ(platform.readFile(at("limit")).value().size(), LinuxPlatform::kMaxReadSize);
+  for (const auto& [name, reason] : Cases{{"fifo", "is a FIFO, not a regular file"},
+                                          {"zero", "is a character device, not a regular file"},
+                                          {"folder", "is a directory, not a regular file"},
+                                          {"65.1", "is 65.1 MiB, larger than the 64 MiB limit"},
+                                          {"dangling", "No such file or directory"}}) {
+    EXPECT_TRUE(platform.modificationDate(at(name)).ok()) << name;
+    EXPECT_EQ(errorOf(platform.readFile(at(name))), at(name) + ": " + reason);
+  }
   // From an offset (a log's new lines), up to the limit counted from there.
   EXPECT_EQ(linux_files::readFile(at("data"), 3, 2).value() + linux_files::readFile(at("data"), 0, 9).value(),
             binary.substr(2));
   // sysfs gives some files a size of 4096 bytes, larger than what they hold.
   const std::string shorter = "/sys/devices/system/cpu/online";
-  testing::Watchdog guard;
   if (fs::exists(shorter)) {
     EXPECT_EQ(platform.readFile(shorter).value(), testing::readText(shorter));
   }
@@ -95,7 +115,6 @@ TEST_F(Linux, ReadsWholeFilesUpToTheLimitAndDatesThemAndLinksToTheNanosecond) {
   EXPECT_EQ(platform.modificationDate(at("link")).value(),
             (ModificationDate{{1600000000, 1}, FileTime{1700000000, 123456789}}));
   // A link to a folder is no folder: the selection describes the link itself.
-  fs::create_directory(at("folder"));
   ASSERT_EQ(::symlink("folder", at("folder-link").c_str()), 0);
   EXPECT_EQ(platform.isDirectory(at("folder")), true);
   EXPECT_EQ(platform.isDirectory(at("folder-link")), false);
