@@ -105,7 +105,8 @@ TEST(FinderSyncMenu, WholeMenuAndStateForEachKindOfSelection) {
            {Lines{"/x/a.png", "/x/b.wav", "/x/c.png"}, 0, none, {}, {}, {kLoaded, kNoPlan + "3 file(s)"}},
            // A request could not name this file: no pick that is sure to fail.
            {Lines{"/x/b.png", "/x/\xFF.png"}, 0, none, {}, {}, {kLoaded, "[WARN] No Convert menu: a selected name is not valid UTF-8: /x/\xEF\xBF\xBD.png"}},
-           {kPng, 1, none, kMovTags, {{"/x/m.mov", "mov"}}, {}}}) {  // the folder's own: only the items' kind has one
+           {kPng, 1, none, kMovTags, {{"/x/m.mov", "mov"}}, {}},   // the folder's own menu
+           {kPng, 99, none, kMovTags, {{"/x/m.mov", "mov"}}, {}}}) {  // a kind the platform may add
     // clang-format on
     World w;
     w.menuFor(kMov);
