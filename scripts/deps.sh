@@ -15,6 +15,9 @@ packages=(
   libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
   # The GNOME Files module and the test that runs it in a real Nautilus.
   libnautilus-extension-dev nautilus librsvg2-common xvfb xdotool dbus imagemagick
+  # The Debian package: its build, lintian, and the throwaway root that its
+  # test installs it into (scripts/package.sh, tests/package-test.sh).
+  debhelper dpkg-dev lintian mmdebstrap
 )
 
 missing=()
