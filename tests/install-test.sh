@@ -17,6 +17,12 @@ appex="$app/Contents/PlugIns/PalvinFinder.appex"
 [ -s "$appex/Resources/de.lproj/Localizable.strings" ] || fail "no translations in $appex/Resources"
 # Links are relative, so they resolve inside DESTDIR as they will once installed.
 [ "$(readlink -f "$dest$prefix/bin/palvin-finder")" = "$appex/palvin-finder" ] || fail "bin/palvin-finder"
+# The service and the desktop entry start the host app at this prefix, given
+# only at install time.
+for file in "$dest$prefix"/lib/systemd/user/palvin-host.service "$dest$prefix"/share/applications/*.desktop; do
+  command="$(sed -nE 's/^Exec(Start)?=([^ ]*).*/\2/p' "$file")"
+  [ "$command" = "$prefix/lib/palvin/PalvinHost.app/AppRun" ] || fail "$file starts '$command'"
+done
 if [ -n "$extensions" ]; then
   link="$dest$extensions/libpalvin-nautilus.so"
   [ "$(readlink -f "$link")" = "$appex/libpalvin-nautilus.so" ] || fail "$link does not lead into the appex"
