@@ -6,6 +6,8 @@ packages=(
   cmake make g++ clang clang-format libclang-rt-14-dev git pkg-config
   libsimdjson-dev libicu-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev python3
+  # The host locale some tests set (de_DE.UTF-8) is generated from its sources.
+  locales
   # The Apple build's checks: Ninja, the LLVM tools that read Mach-O, libc++
   # and C library headers for arm64 and x86_64, shellcheck for the Mac's build
   # script (scripts/check-apple-build.py).
