@@ -18,7 +18,7 @@ packages=(
   # The GNOME Files module and the test that runs it in a real Nautilus.
   libnautilus-extension-dev nautilus librsvg2-common xvfb xdotool dbus imagemagick
   # The Debian package: its build, lintian, and the throwaway root that its
-  # test installs it into (scripts/package.sh, tests/package-test.sh).
+  # test installs it into (scripts/package.sh, scripts/package-test.sh).
   debhelper dpkg-dev lintian mmdebstrap
 )
 

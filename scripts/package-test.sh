@@ -6,7 +6,8 @@
 # package's declared dependencies and the checks' own tools (systemd,
 # desktop-file-utils, man-db), nothing else, so a library the package uses
 # without declaring it is missing there.
-# Usage: package-test.sh <the build tree's palvin-finder>
+# Usage: package-test.sh <the build tree's palvin-finder> [a .deb built before]
+# (with a .deb, that package is tested as it is, without building one)
 set -euo pipefail
 
 fail() { echo "FAILED: $*" >&2; exit 1; }
@@ -131,8 +132,12 @@ if [ "$(id -u)" -ne 0 ]; then
   echo "skipped: making the throwaway root needs root (mmdebstrap's root mode)"
   exit 77
 fi
-bash "$repo/scripts/package.sh"
-deb="$(ls "$repo"/build/package/palvin-finder_*_"$(dpkg --print-architecture)".deb)"
+if [ -n "${2:-}" ]; then
+  deb="$(realpath "$2")"
+else
+  bash "$repo/scripts/package.sh"
+  deb="$(ls "$repo"/build/package/palvin-finder_*_"$(dpkg --print-architecture)".deb)"
+fi
 
 tmp="$(mktemp -d)"
 trap 'rm -rf "$tmp"' EXIT
