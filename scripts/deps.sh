@@ -21,6 +21,9 @@ packages=(
   # file managers themselves with what their real-program test runs them in.
   libnautilus-extension-dev nautilus libnemo-extension-dev nemo libcaja-extension-dev caja
   libthunarx-3-dev thunar librsvg2-common xvfb xdotool dbus imagemagick python3-pyatspi at-spi2-core
+  # The Debian package: its build, lintian, and the throwaway root that its
+  # test installs it into (scripts/package.sh, scripts/package-test.sh).
+  debhelper dpkg-dev lintian mmdebstrap
 )
 
 missing=()

@@ -243,6 +243,19 @@ TEST(HostApp, ConvertsEveryFamilyRightAndRefusesWhatItMustNot) {
       << listing.out;
 }
 
+// An idle time the host app can't keep is refused before it starts.
+TEST(HostApp, RefusesAnIdleExitItCannotKeep) {
+  TempDir dir;
+  for (const char* seconds : {"", "0", "86401", "5s"}) {
+    std::vector<std::string> args{"--watch", "--idle-exit", seconds};
+    if (*seconds == '\0') args.pop_back();
+    auto run = runHost(dir.file("container"), {}, {}, args);
+    EXPECT_EQ(run.exitCode, 2) << seconds;
+    EXPECT_NE(run.err.find("--idle-exit"), std::string::npos) << run.err;
+  }
+  EXPECT_EQ(runHost(dir.file("container"), {}, {}, {"--idle-exit", "5"}).exitCode, 2);  // without --watch
+}
+
 std::string requestOfImages(const TempDir& dir, const std::string& folder, int count) {
   FinderConversionRequest request{"webp", {}};
   for (int i = 0; i < count; ++i) {
@@ -277,13 +290,23 @@ TEST(HostApp, KilledOrStoppedInstancesLoseNothing) {
   EXPECT_TRUE(fs::exists(requests + "/Stopped.json"));  // returned unfinished
   EXPECT_GT(resultOf(container, "Stopped.json").count(Status::pending), 0u);
 
-  // Two instances finish it and take twenty more, each exactly once.
+  // The instance the systemd path unit starts (watching, leaving when idle)
+  // and the one the extension starts (leaving once nothing is left) finish
+  // it and take twenty more, each exactly once.
   for (int i = 0; i < 20; ++i)
     dir.write("container/requests/Race" + std::to_string(i) + ".json",
               requestOfImages(dir, "Race" + std::to_string(i), 1));
-  auto second = std::async(std::launch::async, [&] { return runHost(container); });
+  auto service = std::async(std::launch::async, [&] {
+    return runHost(container, {}, [&](int p) { pid = p; }, {"--watch", "--idle-exit", "1"});
+  });
   EXPECT_EQ(runHost(container).exitCode, 0);
-  EXPECT_EQ(second.get().exitCode, 0);
+  if (service.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+    ::kill(pid, SIGKILL);
+    ADD_FAILURE() << "the watching instance did not leave when idle";
+  }
+  EXPECT_EQ(service.get().exitCode, 0);
+  for (int i = 0; i < 20; ++i)
+    EXPECT_EQ(filesEndingIn(dir.file("Race" + std::to_string(i)), ".webp"), 1u) << "Race" << i;
   for (const std::string folder : {"Killed", "Stopped", "Race0", "Race19"}) {
     auto result = resultOf(container, folder + ".json");
     EXPECT_EQ(result.count(Status::converted), result.files.size()) << folder;
@@ -297,8 +320,9 @@ TEST(HostApp, KilledOrStoppedInstancesLoseNothing) {
   EXPECT_TRUE(fs::is_empty(requests + "/processing"));
   // A result written when the SIGKILL came may leave its temporary file.
   EXPECT_EQ(filesEndingIn(container + "/results", ".json"), 22u);
-  EXPECT_NE(readText(container + "/host-app.log").find("[WARN] Recovered request Killed.json"),
-            std::string::npos);
+  const std::string log = readText(container + "/host-app.log");
+  EXPECT_NE(log.find("[WARN] Recovered request Killed.json"), std::string::npos);
+  EXPECT_NE(log.find("[INFO] Idle for 1 s, exiting"), std::string::npos);
 }
 
 // "Open to set up" starts the host app with --activate: it replaces a

@@ -30,6 +30,12 @@ for link in "$@"; do
   [ "$exports" = "${entry}_initialize ${entry}_list_types ${entry}_shutdown " ] ||
     fail "$module exports $exports"
 done
+# The service and the desktop entry start the host app at this prefix, given
+# only at install time.
+for file in "$dest$prefix"/lib/systemd/user/palvin-host.service "$dest$prefix"/share/applications/*.desktop; do
+  command="$(sed -nE 's/^Exec(Start)?=([^ ]*).*/\2/p' "$file")"
+  [ "$command" = "$prefix/lib/palvin/PalvinHost.app/AppRun" ] || fail "$file starts '$command'"
+done
 
 # The installed host app writes its catalogue; the installed tool, called
 # through its link, has German titles from the bundle's Resources, and a pick

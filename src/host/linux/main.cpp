@@ -16,8 +16,10 @@
 //   desktop_notification.*  org.freedesktop.Notifications over GDBus
 //
 // Without --watch it handles what is waiting and exits once nothing is left;
-// with it, it keeps running and wakes when a request lands. SIGTERM or SIGINT
-// finish the files under way and put unfinished requests back.
+// with it, it keeps running and wakes when a request lands, until
+// --idle-exit's seconds pass with nothing to do (the systemd path unit starts
+// it again when a request lands). SIGTERM or SIGINT finish the files under
+// way and put unfinished requests back.
 #include <fcntl.h>
 #include <palvin/identifiers.h>
 #include <signal.h>
@@ -26,6 +28,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <cstdlib>
 #include <iostream>
 #include <optional>
@@ -50,7 +53,7 @@ namespace {
 using Level = FinderLog::Level;
 
 constexpr const char* kUsage =
-    "Usage: AppRun [--watch] [--activate]\n"
+    "Usage: AppRun [--watch [--idle-exit SECONDS]] [--activate]\n"
     "PalvinHost converts the files picked in the Convert menu: it takes the requests in\n"
     "<shared container>/requests, writes each output beside its source (never replacing a\n"
     "file), records every file's outcome in <shared container>/results/<request>, and logs to\n"
@@ -58,6 +61,8 @@ constexpr const char* kUsage =
     "\n"
     "  --watch     keep running: wake on new requests (inotify and the notification FIFO)\n"
     "              until SIGTERM or SIGINT, which finish or return the work under way\n"
+    "  --idle-exit SECONDS\n"
+    "              with --watch: exit once SECONDS (1 to 86400) pass with nothing to do\n"
     "  --activate  the menu's \"open to set up\": say on the desktop whether PalvinHost is\n"
     "              ready or what to do, and print what the shared container holds\n"
     "\n"
@@ -87,6 +92,14 @@ void handleStopSignals() {
   action.sa_handler = onStopSignal;
   sigemptyset(&action.sa_mask);
   for (int signal : {SIGTERM, SIGINT}) ::sigaction(signal, &action, nullptr);
+}
+
+// --idle-exit's seconds, 1 to a day; 0 for anything else.
+int parseIdleSeconds(std::string_view text) {
+  int seconds = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  bool valid = error == std::errc{} && end == text.data() + text.size() && seconds >= 1 && seconds <= 86400;
+  return valid ? seconds : 0;
 }
 
 // When this program was built: the catalogue's "generatedAt".
@@ -141,8 +154,10 @@ void describeContainer(Platform& platform, const std::string& container, const F
   std::cout << "  host-app.log       " << (hasLog ? std::to_string(info.st_size) + " bytes" : "none") << '\n';
 }
 
-// Handles requests until none is left, or with `watch` until a stop.
-void run(FinderRequestQueue& queue, const HostLog& log, bool watch, const std::string& container) {
+// Handles requests until none is left, or with `watch` until a stop or
+// `idleExit` seconds without work (0: never).
+void run(FinderRequestQueue& queue, const HostLog& log, bool watch, int idleExit,
+         const std::string& container) {
   std::unique_ptr<RequestWatch> watcher;
   if (watch) {
     // Watching starts before the first look, so that nothing landing in
@@ -163,8 +178,15 @@ void run(FinderRequestQueue& queue, const HostLog& log, bool watch, const std::s
   for (;;) {
     queue.processPending();
     if (!watcher || queue.stopRequested()) return;
-    auto wake = watcher->wait();
+    auto wake = watcher->wait(idleExit);
     if (wake == RequestWatch::Wake::stop) return;
+    // One last look narrows the window for a request landing as we leave;
+    // one that lands after it is still in requests/, where the path unit
+    // sees it and starts the service again once this instance has ended.
+    if (wake == RequestWatch::Wake::idle && queue.processPending() == 0) {
+      log.log(Level::info, "Idle for " + std::to_string(idleExit) + " s, exiting");
+      return;
+    }
     if (wake == RequestWatch::Wake::directoryGone) {
       if (auto prepared = queue.prepare(); !prepared.ok() || !watcher->rewatch().ok()) {
         log.log(Level::error, "The request directory is gone and can't be made again");
@@ -181,10 +203,17 @@ int main(int argc, char** argv) {
   using namespace palvin;
   using namespace palvin::host;
   bool watch = false, activate = false;
+  int idleExit = 0;
   for (int i = 1; i < argc; ++i) {
     std::string_view argument = argv[i];
     if (argument == "--watch") {
       watch = true;
+    } else if (argument == "--idle-exit") {
+      idleExit = i + 1 < argc ? parseIdleSeconds(argv[++i]) : 0;
+      if (idleExit == 0) {
+        std::cerr << "AppRun: --idle-exit needs a number of seconds from 1 to 86400\n";
+        return 2;
+      }
     } else if (argument == "--activate") {
       activate = true;
     } else if (argument == "--help" || argument == "-h") {
@@ -194,6 +223,11 @@ int main(int argc, char** argv) {
       std::cerr << "AppRun: unknown argument '" << argument << "'\n" << kUsage;
       return 2;
     }
+  }
+  if (idleExit != 0 && !watch) {
+    std::cerr << "AppRun: --idle-exit works with --watch only: without it the host app exits once nothing is "
+                 "left\n";
+    return 2;
   }
   if (VIPS_INIT(argv[0]) != 0) {
     std::cerr << "PalvinHost: libvips did not start: " << vips_error_buffer() << '\n';
@@ -272,7 +306,7 @@ int main(int argc, char** argv) {
   notices.setQueue(&queue);
   runningQueue = &queue;
   handleStopSignals();
-  run(queue, *log, watch, *container);
+  run(queue, *log, watch, idleExit, *container);
   runningQueue = nullptr;
   notices.setQueue(nullptr);
   while (handlersRunning.load() != 0) std::this_thread::yield();

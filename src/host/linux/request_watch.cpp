@@ -77,13 +77,16 @@ Status RequestWatch::rewatch() {
   return success();
 }
 
-RequestWatch::Wake RequestWatch::wait() {
+RequestWatch::Wake RequestWatch::wait(int idleSeconds) {
+  const int timeout = idleSeconds > 0 ? idleSeconds * 1000 : -1;
   for (;;) {
     pollfd fds[3] = {{stopFd_, POLLIN, 0}, {inotifyFd_, POLLIN, 0}, {fifoFd_, POLLIN, 0}};
-    if (::poll(fds, fifoFd_ >= 0 ? 3 : 2, -1) < 0) {
+    int ready = ::poll(fds, fifoFd_ >= 0 ? 3 : 2, timeout);
+    if (ready < 0) {
       if (errno == EINTR) continue;
       return Wake::stop;
     }
+    if (ready == 0) return Wake::idle;
     if (fds[0].revents != 0) return Wake::stop;
     bool gone = false;
     if (fds[1].revents != 0) {

@@ -13,7 +13,7 @@ namespace palvin::host {
 
 class RequestWatch {
  public:
-  enum class Wake { requests, stop, directoryGone };
+  enum class Wake { requests, stop, directoryGone, idle };
 
   // `stopFd` is readable when the host app must stop (the signal handler's
   // pipe). Without the FIFO the watch still works, on inotify alone;
@@ -24,8 +24,9 @@ class RequestWatch {
   RequestWatch(const RequestWatch&) = delete;
   RequestWatch& operator=(const RequestWatch&) = delete;
 
-  // Blocks until something happens; pending wake-ups are drained.
-  Wake wait();
+  // Blocks until something happens, or returns `idle` after `idleSeconds`
+  // without anything (0: no limit); pending wake-ups are drained.
+  Wake wait(int idleSeconds = 0);
   // Watches the request directory again after it was removed and made anew.
   Status rewatch();
 
