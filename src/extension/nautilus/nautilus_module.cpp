@@ -3,12 +3,10 @@
 // on macOS. Nautilus calls it on its main thread. Every entry catches whatever
 // the C++ side might throw: an exception reaching Nautilus's C code would end
 // the file manager.
-#include <dlfcn.h>
 #include <glib-object.h>
 #include <gmodule.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +18,8 @@ extern "C" {
 #include <nautilus-extension.h>
 }
 
+#include "extension/common/freedesktop_icons.h"
+#include "extension/common/module_bundle.h"
 #include "extension/nautilus/nautilus_platform.h"
 #include "finder/finder_sync.h"
 #include "finder/menu_model.h"
@@ -68,22 +68,6 @@ constexpr std::uint64_t kContextualMenuForContainer =
 // unloaded; each menu provider Nautilus makes is a principal object with a
 // controller of its own.
 NautilusPlatform* gPlatform = nullptr;
-
-const char kAnchor = 0;  // an address inside this module, for dladdr
-
-// The extension's bundle is the directory holding the module's real file.
-// Installed, Nautilus's extension directory holds a link to the module inside
-// the host app's bundle, so the host app is found by the same walk up from
-// the bundle as from the tool.
-std::optional<std::string> moduleBundlePath() {
-  Dl_info info{};
-  if (dladdr(&kAnchor, &info) == 0 || info.dli_fname == nullptr) return std::nullopt;
-  char* resolved = ::realpath(info.dli_fname, nullptr);
-  if (resolved == nullptr) return std::nullopt;
-  std::string path(resolved);
-  std::free(resolved);
-  return paths::parent(path);
-}
 
 void setUpPlatform() noexcept {
   if (gPlatform != nullptr) return;

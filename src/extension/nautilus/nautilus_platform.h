@@ -4,16 +4,11 @@
 // where a freedesktop icon stands for the symbol.
 #pragma once
 
-#include <optional>
 #include <string_view>
 
 #include "platform/linux_platform.h"
 
 namespace palvin {
-
-// The freedesktop icon (symbolic variant) that stands for a symbol name of the
-// catalogue, or nothing when none fits. A ".fill" variant maps like its base.
-std::optional<std::string_view> freedesktopIconName(std::string_view symbolName);
 
 class NautilusPlatform : public LinuxPlatform {
  public:
