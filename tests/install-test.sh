@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # A fresh `cmake --install` into a DESTDIR and prefix of its own: the files
-# land where Nautilus and the walk up to the host app expect them, and the
+# land where Nautilus, KIO and the walk up to the host app expect them, and the
 # installed tool finds its translations and starts the installed host app.
 # Usage: install-test.sh <build dir> <Nautilus extension dir, empty without the module>
+#                        <Dolphin plugin dir, empty without the plugin>
 set -euo pipefail
-build="$1" extensions="$2"
+build="$1" extensions="$2" kfileitemactions="$3"
 tmp="$(mktemp -d)"
 trap 'rm -rf "$tmp"' EXIT
 dest="$tmp/dest" prefix=/opt/palvin-install-test
@@ -23,6 +24,12 @@ if [ -n "$extensions" ]; then
   exports="$(nm -D --defined-only "$link" | awk '{print $3}' | sort | tr '\n' ' ')"
   [ "$exports" = "nautilus_module_initialize nautilus_module_list_types nautilus_module_shutdown " ] ||
     fail "the module exports $exports"
+fi
+if [ -n "$kfileitemactions" ]; then
+  link="$dest$kfileitemactions/palvin-dolphin.so"
+  [ "$(readlink -f "$link")" = "$appex/palvin-dolphin.so" ] || fail "$link does not lead into the appex"
+  exports="$(nm -D --defined-only "$link" | awk '{print $3}' | sort | tr '\n' ' ')"
+  [ "$exports" = "qt_plugin_instance qt_plugin_query_metadata " ] || fail "the plugin exports $exports"
 fi
 
 # The installed host app writes its catalogue; the installed tool, called
