@@ -1,21 +1,40 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those that are missing.
+# With --tests, also what the whole suite builds and runs besides: the demo
+# installs only the first list, so that a newcomer's first command stays short.
 set -euo pipefail
 
+# The tool, the Linux host app and the test programs.
 packages=(
-  cmake make g++ clang clang-format libclang-rt-14-dev git pkg-config
+  cmake make g++ git pkg-config
   libsimdjson-dev libicu-dev libcli11-dev
-  libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev python3
+  libgtest-dev libgmock-dev python3
+  # The Linux host app's converters (libvips with HEIC and PDF, poppler,
+  # libnotify, the ffmpeg program) and what its tests use to check outputs.
+  libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
+)
+
+# The rest of the suite: the format check, benchmarks, sanitizer and fuzzing
+# runs, the Apple build's checks, and the file managers' modules with the
+# tests that run them in the real programs.
+test_packages=(
+  clang clang-format libclang-rt-14-dev libbenchmark-dev nlohmann-json3-dev
   # The Apple build's checks: Ninja, the LLVM tools that read Mach-O, libc++
   # and C library headers for arm64 and x86_64, shellcheck for the Mac's build
   # script (scripts/check-apple-build.py).
   ninja-build shellcheck llvm-14 libc++-14-dev libc++abi-14-dev libc6-dev-arm64-cross libc6-dev-amd64-cross
-  # The Linux host app's converters (libvips with HEIC and PDF, poppler,
-  # libnotify, the ffmpeg program) and what its tests use to check outputs.
-  libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
+  # The real-program tests' display, session bus, keyboard and screenshots.
+  xvfb xdotool x11-utils dbus imagemagick
   # The GNOME Files module and the test that runs it in a real Nautilus.
-  libnautilus-extension-dev nautilus librsvg2-common xvfb xdotool dbus imagemagick
+  libnautilus-extension-dev nautilus librsvg2-common
+  # The Dolphin plugin (KIO, Qt 5) and the test that reads a real Dolphin's
+  # menus through the accessibility bus; Adwaita's symbolic icons (SVG) are
+  # the ones the plugin test draws.
+  libkf5kio-dev dolphin at-spi2-core python3-pyatspi adwaita-icon-theme libqt5svg5
 )
+if [ "${1:-}" = "--tests" ]; then
+  packages+=("${test_packages[@]}")
+fi
 
 missing=()
 for p in "${packages[@]}"; do
