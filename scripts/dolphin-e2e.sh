@@ -6,8 +6,8 @@
 # what a pick leaves behind. One row per case, each in a fresh Dolphin:
 #
 #   fallback   no catalogue yet: the one item opens the host app to the front
-#   image      photo.png: the inline targets and a category's submenu, as the
-#              planner orders them
+#   image      photo.png: the inline targets and the categories' submenus, as
+#              the planner orders them
 #   pick       WebP for photo.png: the request, the host app's result, photo.webp
 #   no-common  photo.png and song.wav have no target in common: no Convert item
 #   folder     a folder alone: no Convert item
@@ -176,14 +176,20 @@ registry_up() {
 }
 await 20 "the accessibility registry" registry_up
 
-step="making the host app's catalogue"
+step="making the catalogues"
 # The rows' catalogues: the host app's own, written by its first start, and
-# the sample's, which has a category for an image.
+# the sample's, where an image also converts to WAV, so that it has two
+# categories whose catalogue order (Documents, Audio) is not their names'.
 PALVIN_SHARED_CONTAINER="$tmp/host-catalogue" "$host" >"$tmp/host-first-run.log" 2>&1 ||
   fail "the host app failed: $(cat "$tmp/host-first-run.log")"
 [ -s "$tmp/host-catalogue/capabilities.json" ] || fail "the host app wrote no catalogue"
 cp "$tmp/host-catalogue/capabilities.json" "$tmp/host.json"
-cp "$source_dir/examples/capabilities.json" "$tmp/sample.json"
+"$python" -c '
+import json, sys
+catalogue = json.load(open(sys.argv[1]))
+catalogue["conversions"]["png"].append("wav")
+json.dump(catalogue, open(sys.argv[2], "w"))' "$source_dir/examples/capabilities.json" "$tmp/sample.json" ||
+  fail "could not make the sample catalogue"
 
 # The host app the plugin starts: ours, behind a wrapper that records its
 # arguments and keeps a copy of the requests it is about to take, since it
@@ -304,6 +310,7 @@ row_image() {
   local plan
   plan="$(planned "$tmp/Files/photo.png")" || fail "no plan with a category for photo.png"
   menu image "${plan#*$'\n'}"
+  step="reading the menu"
   has_item "${plan%%$'\n'*}" || fail "the context menu has not '${plan%%$'\n'*}': $menus"
   fm_quit
 }
