@@ -126,7 +126,7 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 
-  std::printf("\nCatalogue of %.2f MB; system logger listening: %s\n", gCatalogueBytes.size() / 1e6,
+  std::printf("\nCatalogue of %.2f MB; journal listening: %s\n", gCatalogueBytes.size() / 1e6,
               logger ? "yes" : "no");
   palvin::bench::printRatio(reporter, "BM_LoadCached", "BM_StatCatalogue");
   palvin::bench::printRatio(reporter, "BM_LoadCold", "BM_NlohmannParse");

@@ -19,6 +19,8 @@ packages=(
 # tests that run them in the real programs.
 test_packages=(
   clang clang-format libclang-rt-14-dev libbenchmark-dev nlohmann-json3-dev
+  # The host locale some tests set (de_DE.UTF-8) is generated from its sources.
+  locales
   # The Apple build's checks: Ninja, the LLVM tools that read Mach-O, libc++
   # and C library headers for arm64 and x86_64, shellcheck for the Mac's build
   # script (scripts/check-apple-build.py).

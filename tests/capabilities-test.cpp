@@ -16,6 +16,7 @@
 #include "catalogue/capabilities_check.h"
 #include "catalogue/capability_store.h"
 #include "platform/linux_text.h"
+#include "support/host_locale.h"
 #include "support/log_lines.h"
 #include "support/temp_dir.h"
 
@@ -162,8 +163,11 @@ TEST(CapabilitiesDecode, FieldErrorsNameThePathAndTheProblem) {
 }
 
 // JSON syntax errors say what kind of error and where, in 1-based lines and byte columns; the JSON
-// suite's n_ texts are the wider net. These are the choices the suite leaves open.
+// suite's n_ texts are the wider net. These are the choices the suite leaves open. The host's
+// locale, whose decimal point is a comma here, changes nothing.
 TEST(CapabilitiesDecode, SyntaxErrorsSayWhatAndWhere) {
+  const testing::HostLocale german("de_DE.UTF-8");
+  ASSERT_TRUE(german.active());
   std::vector<Case> cases = {
       {"", "empty document"},
       {"\xEF\xBB\xBF{x}", "expected a member name in double quotes, found 'x' at line 1, column 5"},  // BOM
@@ -174,7 +178,7 @@ TEST(CapabilitiesDecode, SyntaxErrorsSayWhatAndWhere) {
       // Deep nesting fails cleanly, just past the limit and far past it.
       {R"({"a":)" + std::string(100000, '['), "nesting deeper than 1024 levels at line 1, column 1029"},
   };
-  for (std::string number : {"100000000000000000000", "-9223372036854775809", "1e309"})
+  for (std::string number : {"100000000000000000000", "-9223372036854775809", "1e309", "1.5e309"})
     cases.push_back({R"({"a": )" + number + "}", "number out of range at line 1, column 7"});
   for (Case& c : cases) c.error = "invalid JSON: " + c.error;
   cases.push_back(

@@ -1,7 +1,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <palvin/identifiers.h>
+#include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,6 +24,8 @@
 #include "platform/linux_mount_table.h"
 #include "platform/linux_platform.h"
 #include "platform/linux_strings_file.h"
+#include "services/log.h"
+#include "support/private_namespace.h"
 #include "support/temp_dir.h"
 
 namespace palvin {
@@ -247,8 +251,7 @@ TEST_F(Linux, MountEventsReachEveryLiveObserverInAPrivateNamespace) {
       std::fprintf(stderr, "mount events: %s\n", why.c_str());  // the test's own error output
       ::_exit(status);
     };
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-      fail(77, std::string("no private mount namespace: ") + std::strerror(errno));
+    if (auto problem = testing::enterPrivateMountNamespace()) fail(77, *problem);
     for (const char* name : {"PALVIN_SHARED_CONTAINER", "XDG_DATA_HOME", "HOME"}) ::unsetenv(name);
     LinuxPlatform linux;
     ScopedPlatform installed(linux);
@@ -286,6 +289,35 @@ TEST_F(Linux, MountEventsReachEveryLiveObserverInAPrivateNamespace) {
   if (WEXITSTATUS(status) == 77)
     GTEST_SKIP() << "no private mount namespace here (the error output says why)";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "the error output says why";
+}
+
+// --- Threads ----------------------------------------------------------------
+
+// The log's worker and the mount watcher, started from a thread that blocks
+// nothing, block every signal the host might send, as does every other thread
+// of ours.
+TEST_F(Linux, ThreadsTheExtensionStartsBlockEverySignal) {
+  LinuxPlatform logging({.container = dir.str()});
+  ScopedPlatform installed(logging);
+  FinderLog::shutdown();
+  sigset_t none, saved;
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, &saved);
+  FinderLog::log(FinderLog::Level::info, "starts the worker");
+  const VolumeObservation observation = logging.observeVolumeChanges([] {});
+  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+  const unsigned long long wanted = (1ull << (SIGHUP - 1)) | (1ull << (SIGINT - 1)) |
+                                    (1ull << (SIGPIPE - 1)) | (1ull << (SIGTERM - 1)) |
+                                    (1ull << (SIGCHLD - 1)) | (1ull << (SIGUSR1 - 1));
+  std::size_t others = 0;
+  for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+    if (task.path().filename() == std::to_string(::gettid())) continue;
+    const std::string status = testing::readText(task.path() / "status");
+    EXPECT_EQ(std::stoull(status.substr(status.find("SigBlk:") + 7), nullptr, 16) & wanted, wanted) << task;
+    ++others;
+  }
+  EXPECT_GE(others, 2u);
+  logging.stopObservingVolumeChanges(observation);
 }
 
 // --- Localised strings ------------------------------------------------------------

@@ -1,10 +1,12 @@
 #include "services/log.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -110,17 +112,48 @@ TEST(LogOnDisk, AHugeLogIsStillTrimmedToItsLastBytes) {
   EXPECT_EQ(content.find_first_not_of('\0'), FinderLog::kTrimKeep - last.size() - 1);
 }
 
-// A host process that unloads the extension ends the log's thread; logging
-// afterwards starts it again and loses nothing.
-TEST_F(LogTest, ShutdownEndsTheWorkerAndALaterLineStartsItAgain) {
-  FinderLog::log(Level::info, "one");
+// A host process that unloads the extension ends the log's thread. Inside a
+// host that ran out of threads every call returns and drops its line; once
+// threads can be had again, the next line is written. With no platform
+// installed, a line goes nowhere. Uninstalling a platform writes its lines
+// before it can go.
+TEST_F(LogTest, ShutdownEndsTheWorkerAndNoCallWaitsForOneThatCouldNotStart) {
+  testing::Watchdog guard;
+  FinderLog::log(Level::info, "before");
   FinderLog::flush();
   const auto running = testing::threadCount();
   FinderLog::shutdown();
   EXPECT_EQ(testing::threadCount(), running - 1);
-  FinderLog::log(Level::info, "two");
-  EXPECT_EQ(fileContent(), line("INFO", "one") + line("INFO", "two"));
+  pthread_attr_t saved, huge;  // no thread to be had: every new one's stack too large to map
+  pthread_getattr_default_np(&saved);
+  pthread_attr_init(&huge);
+  pthread_attr_setstacksize(&huge, std::size_t{1} << 46);
+  pthread_setattr_default_np(&huge);
+  FinderLog::log(Level::info, "lost");
+  FinderLog::flush();
   FinderLog::shutdown();
+  pthread_setattr_default_np(&saved);
+  FinderLog::log(Level::info, "after");
+  EXPECT_EQ(fileContent(), line("INFO", "before") + line("INFO", "after"));
+
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        installPlatform(nullptr);
+        FinderLog::log(Level::error, "nowhere");
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+
+  std::string written;
+  {
+    FakePlatform brief;
+    std::optional<ScopedPlatform> installed(brief);
+    for (int i = 0; i < 1000; ++i) FinderLog::log(Level::info, "n");
+    installed.reset();
+    written = brief.file(kLogPath).value_or(FakePlatform::File{}).content;
+  }  // gone, and the log's worker must not reach it
+  EXPECT_EQ(written.size(), 1000 * line("INFO", "n").size());
 }
 
 // Many threads log at once, on the real Linux platform, while the file is

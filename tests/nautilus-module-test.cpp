@@ -2,21 +2,27 @@
 // module calling its three entry points) and driven through its menu provider
 // with file-info objects, without a display. The module carries its own copy
 // of the core, so this test links none of it and reads the results from disk.
+#include <fcntl.h>
 #include <glib-object.h>
 #include <gmock/gmock.h>
 #include <gmodule.h>
 #include <gtest/gtest.h>
 #include <palvin/identifiers.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 extern "C" {
 #include <nautilus-extension.h>
 }
 
+#include <cstring>
 #include <filesystem>
+#include <future>
 #include <map>
 #include <regex>
+#include <thread>
 
+#include "support/private_namespace.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -37,6 +43,9 @@ void fileInfoInterface(NautilusFileInfoInterface* iface) {
   };
   iface->get_activation_uri = [](NautilusFileInfo* info) {
     return g_strdup(static_cast<char*>(g_object_get_data(G_OBJECT(info), "target")));
+  };
+  iface->is_directory = [](NautilusFileInfo* info) {
+    return static_cast<gboolean>(GPOINTER_TO_INT(g_object_get_data(G_OBJECT(info), "directory")));
   };
 }
 G_DEFINE_TYPE_WITH_CODE(FileInfo, file_info, G_TYPE_OBJECT,
@@ -137,11 +146,16 @@ class NautilusModule : public ::testing::Test {
     palvin::testing::writeText(container + "/capabilities.json", text);
   }
   // Files of the test's directory or URIs; "A -> B" is a location A opened by the URI B.
+  // Nautilus's type of a name ending in "/" is a folder, of any other a file.
   std::string menuFor(const std::vector<std::string>& names) {
     GList* files = nullptr;
     for (const auto& name : names) {
       GObject* info = G_OBJECT(g_object_new(file_info_get_type(), nullptr));
       std::string at = name.substr(0, name.find(" -> "));
+      if (at.ends_with('/')) {
+        at.pop_back();
+        g_object_set_data(info, "directory", GINT_TO_POINTER(1));
+      }
       if (at.find(':') == at.npos) at = "file://" + dir / at;
       g_object_set_data_full(info, "uri", g_strdup(at.c_str()), g_free);
       if (name.find(" -> ") != name.npos)
@@ -182,7 +196,8 @@ TEST_F(NautilusModule, MenusForSelections) {
     std::string menu;
   } cases[] = {
       {kCatalogue, {"photo.png"}, kPhotoMenu},
-      {kCatalogue, {"folder"}, ""},
+      {kCatalogue, {"folder/"}, ""},
+      {kCatalogue, {"photo.png/", "doc.pdf/"}, ""},  // the types are Nautilus's, whatever the disk holds
       {kCatalogue, {"recent:///photo.png -> file://" + dir / "photo.png"}, kPhotoMenu},
       {kCatalogue, {"trash:///photo.png"}, ""},  // no local path to hand over
       {R"({"schemaVersion":1,"generatedAt":"","convertMenuTitle":"To_Do",
@@ -236,4 +251,60 @@ TEST_F(NautilusModule, PicksSendWhatTheUserSaw) {
               ::testing::EndsWith("[WARN] convertAction: stale menu state for tag 3\n"));
 }
 
+// A FUSE file system whose server never reads a request, as a hung network
+// mount (smb://, sftp:// under gvfs) stops answering: any look at a path in it
+// waits until the mount is forced off. Mounted in the test's own namespace.
+class HangingMount {
+ public:
+  explicit HangingMount(const std::string& at) : at_(at), fd_(::open("/dev/fuse", O_RDWR | O_CLOEXEC)) {
+    const std::string options = "fd=" + std::to_string(fd_) +
+                                ",rootmode=40000,user_id=" + std::to_string(::getuid()) +
+                                ",group_id=" + std::to_string(::getgid());
+    mounted =
+        fd_ >= 0 && ::mount("palvin-hanging", at.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()) == 0;
+  }
+  ~HangingMount() {
+    end();
+    if (fd_ >= 0) ::close(fd_);
+  }
+  // What waits on the mount fails at once.
+  void end() {
+    if (std::exchange(mounted, false)) ::umount2(at_.c_str(), MNT_FORCE | MNT_DETACH);
+  }
+  bool mounted = false;
+
+ private:
+  std::string at_;
+  int fd_;
+};
+
+std::optional<std::string> gNoNamespace;
+
+// The selection lies on a mount that hangs: the menu comes from Nautilus's
+// types at once. A look at the disk would wait until the test forces the
+// mount off, after 30 seconds.
+TEST_F(NautilusModule, AHungMountGetsItsMenuFromNautilusTypesWithoutWaiting) {
+  if (gNoNamespace) GTEST_SKIP() << *gNoNamespace;
+  writeCatalogue(kCatalogue);
+  fs::create_directory(dir / "mnt");
+  HangingMount mount(dir / "mnt");
+  ASSERT_TRUE(mount.mounted) << "FUSE: " << std::strerror(errno);
+  std::promise<std::string> menu;
+  std::thread nautilus([&] { menu.set_value(menuFor({"mnt/photo.png", "mnt/folder/"})); });
+  auto built = menu.get_future();
+  const bool waited = built.wait_for(std::chrono::seconds(30)) != std::future_status::ready;
+  mount.end();
+  nautilus.join();
+  EXPECT_FALSE(waited) << "the menu waited for the hung mount";
+  EXPECT_EQ(built.get(), kPhotoMenu);
+}
+
 }  // namespace
+
+// The hung mount needs a mount namespace of the test's own, made before any
+// thread exists.
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  gNoNamespace = palvin::testing::enterPrivateMountNamespace();
+  return RUN_ALL_TESTS();
+}

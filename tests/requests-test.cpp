@@ -100,7 +100,7 @@ const FinderConversionRequest kThreeFiles{
 // The outward effects, log entries among them, but the log file's writes; then
 // each launch's options as "launch <activates><addsToRecentItems>".
 Lines effects(FakePlatform& fake) {
-  FinderLog::flush();  // the log queue holds on to the platform until its lines are written
+  FinderLog::flush();  // the log's own writes are all in before the events are read
   Lines out = fake.events();
   std::erase_if(out, [](const std::string& event) { return event.ends_with(FinderLog::kFileName); });
   for (const auto& [path, options] : fake.launches())

@@ -4,12 +4,15 @@
 #include <CoreFoundation/CoreFoundation.h>
 #import <FinderSync/FinderSync.h>
 #import <Foundation/Foundation.h>
+#include <fcntl.h>
 #include <os/log.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <map>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include <palvin/identifiers.h>
@@ -247,21 +250,40 @@ Result<ModificationDate> ApplePlatform::modificationDate(const std::string& path
   }
 }
 
+// NSData would wait forever on a FIFO and read a device without end, so only
+// regular files of a sane size are read. The file is opened once (without
+// waiting for a FIFO's writer) and what was opened is checked and read: a
+// file put in its place meanwhile is judged by what is actually read.
 Result<std::string> ApplePlatform::readFile(const std::string& path) {
   @autoreleasepool {
-    // NSData would wait forever on a FIFO and read a device without end, so
-    // only regular files of a sane size are read.
+    const std::string limit = std::to_string(kMaxReadSize >> 20) + " MiB limit";
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return posixError(path, errno);
+    struct Closer {
+      int fd;
+      ~Closer() { ::close(fd); }
+    } closer{fd};
     struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) return posixError(path, errno);
+    if (::fstat(fd, &info) != 0) return posixError(path, errno);
     if (!S_ISREG(info.st_mode)) return Error{path + ": not a regular file"};
-    if (static_cast<std::uint64_t>(info.st_size) > kMaxReadSize) {
-      return Error{path + ": larger than the " + std::to_string(kMaxReadSize >> 20) + " MiB limit"};
+    if (static_cast<std::uint64_t>(info.st_size) > kMaxReadSize)
+      return Error{path + ": larger than the " + limit};
+    try {
+      std::string content;
+      content.reserve(static_cast<std::size_t>(info.st_size));
+      char chunk[65536];
+      for (;;) {
+        const ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return posixError(path, errno);
+        if (got == 0) return content;
+        if (content.size() + static_cast<std::size_t>(got) > kMaxReadSize)
+          return Error{path + ": grew past the " + limit + " while being read"};
+        content.append(chunk, static_cast<std::size_t>(got));
+      }
+    } catch (const std::bad_alloc&) {
+      return posixError(path, ENOMEM);
     }
-    NSError* error = nil;
-    NSData* data = [NSData dataWithContentsOfURL:fileURL(path, NO) options:0 error:&error];
-    if (data == nil) return Error{describe(error)};
-    if (data.length == 0) return std::string();
-    return std::string(static_cast<const char*>(data.bytes), data.length);
   }
 }
 

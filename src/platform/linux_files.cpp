@@ -40,6 +40,14 @@ std::string limitText(std::uint64_t limit) {
   return std::to_string(limit) + " bytes";
 }
 
+// "65.1 MiB", to the nearest tenth, in integers: the host's locale must not
+// turn the point into a comma.
+std::string mebibytes(std::uint64_t size) {
+  constexpr std::uint64_t kMiB = 1 << 20;
+  const std::uint64_t tenths = size / kMiB * 10 + ((size % kMiB) * 10 + kMiB / 2) / kMiB;
+  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " MiB";
+}
+
 class Descriptor {
  public:
   explicit Descriptor(int fd) : fd_(fd) {}
@@ -196,9 +204,7 @@ Result<std::string> readFile(const std::string& path, std::uint64_t limit, std::
   if (from > 0 && ::lseek(fd.get(), static_cast<off_t>(from), SEEK_SET) < 0)
     return Error{describe(path, errno)};
   if (size > limit) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.1f MiB", static_cast<double>(size) / (1 << 20));
-    return Error{path + ": is " + text + ", larger than the " + limitText(limit) + " limit"};
+    return Error{path + ": is " + mebibytes(size) + ", larger than the " + limitText(limit) + " limit"};
   }
   try {
     std::string content(static_cast<std::size_t>(size), '\0');

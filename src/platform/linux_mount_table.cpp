@@ -8,8 +8,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <mutex>
-#include <system_error>
 #include <thread>
+
+#include "shared/threads.h"
 
 namespace palvin::linux_mount_table {
 namespace {
@@ -109,8 +110,8 @@ std::unique_ptr<Watcher> Watcher::start(std::function<void()> handler) {
   if (state->mountFd < 0 || state->wakeFd < 0) return nullptr;
   try {
     std::lock_guard lock(state->mutex);
-    state->thread = std::thread([state] { State::run(state); });
-  } catch (const std::system_error&) {
+    state->thread = startQuietThread([state] { State::run(state); });
+  } catch (...) {
     return nullptr;
   }
   return std::unique_ptr<Watcher>(new Watcher(std::move(state)));

@@ -6,23 +6,19 @@
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <system_error>
-#include <thread>
 
 #include "platform/linux_files.h"
+#include "platform/linux_journal.h"
 #include "platform/linux_localization.h"
 #include "platform/linux_text.h"
 #include "shared/paths.h"
+#include "shared/threads.h"
 
 extern char** environ;
 
@@ -32,35 +28,17 @@ namespace {
 constexpr std::string_view kContainerVariable = "PALVIN_SHARED_CONTAINER";
 constexpr std::string_view kNotifyDirectory = "notify";
 
-bool canConnect(const char* socketPath, int type) {
-  int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socketPath, sizeof address.sun_path - 1);
-  bool connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return connected;
-}
-
-// glibc's syslog() without a listener tries to connect again on every call;
-// asking once spares the log that cost when no logger runs.
-bool loggerListens() {
-  struct stat info {};
-  if (::stat(_PATH_LOG, &info) != 0 || !S_ISSOCK(info.st_mode)) return false;
-  return canConnect(_PATH_LOG, SOCK_DGRAM) || canConnect(_PATH_LOG, SOCK_STREAM);
-}
-
-int syslogPriority(UnifiedLogType type) {
+// The journal's priorities are syslog's numbers.
+std::string_view journalPriority(UnifiedLogType type) {
   switch (type) {
     case UnifiedLogType::debug:
-      return LOG_DEBUG;
+      return "7";
     case UnifiedLogType::info:
-      return LOG_INFO;
+      return "6";
     case UnifiedLogType::error:
-      return LOG_ERR;
+      return "3";
   }
-  return LOG_ERR;
+  return "3";
 }
 
 // Writes to a pipe whose reader may vanish at any moment: the SIGPIPE that
@@ -118,8 +96,6 @@ LinuxPlatform::LinuxPlatform() : LinuxPlatform(Options{}) {}
 
 LinuxPlatform::LinuxPlatform(Options options) : options_(std::move(options)) {}
 
-// openlog keeps a pointer to the ident, which lives in this binary: a module
-// unloaded from its host must not leave the C library holding it.
 LinuxPlatform::~LinuxPlatform() {
   std::unique_ptr<linux_mount_table::Watcher> watcher;
   {
@@ -128,7 +104,6 @@ LinuxPlatform::~LinuxPlatform() {
     watcher = std::move(watcher_);
   }
   if (watcher) watcher->stop();
-  if (systemLogListens_) ::closelog();
 }
 
 void LinuxPlatform::setSelection(std::vector<SelectedItem> items) {
@@ -176,32 +151,26 @@ std::optional<std::string> LinuxPlatform::containerPath(std::string_view appGrou
   return std::nullopt;
 }
 
-// The system logger stands in for the unified log: the subsystem is the
-// ident, the category leads the message, and the message is passed as data.
-bool LinuxPlatform::systemLogListens() {
-  std::call_once(systemLogOnce_, [this] {
-    systemLogListens_ = loggerListens();
-    if (systemLogListens_) {
-      static const std::string ident(ids::kLogSubsystem);  // openlog keeps the pointer
-      ::openlog(ident.c_str(), LOG_NDELAY | LOG_PID, LOG_USER);
-    }
-  });
-  return systemLogListens_;
+// The journal stands in for the unified log, with the subsystem and the
+// category as fields of each entry, which journalctl filters on as log show
+// does on macOS.
+linux_journal::Socket& LinuxPlatform::journal() {
+  std::call_once(journalOnce_, [this] { journal_ = std::make_unique<linux_journal::Socket>(); });
+  return *journal_;
 }
 
 bool LinuxPlatform::unifiedLogEnabled(UnifiedLogType) {
-  return systemLogListens();
+  return journal().listening();
 }
 
 void LinuxPlatform::unifiedLog(UnifiedLogType type, std::string_view message) {
-  if (!systemLogListens()) return;
-  std::string text;
-  text.reserve(ids::kLogCategory.size() + 3 + message.size());
-  text += '[';
-  text += ids::kLogCategory;
-  text += "] ";
-  text += message;
-  ::syslog(syslogPriority(type), "%s", text.c_str());
+  linux_journal::Socket& socket = journal();
+  if (!socket.listening()) return;
+  socket.send(linux_journal::encode({{"PRIORITY", journalPriority(type)},
+                                     {"SYSLOG_IDENTIFIER", ids::kLogSubsystem},
+                                     {"PALVIN_SUBSYSTEM", ids::kLogSubsystem},
+                                     {"PALVIN_CATEGORY", ids::kLogCategory},
+                                     {"MESSAGE", message}}));
 }
 
 std::shared_ptr<const TextRules> LinuxPlatform::textRules() {
@@ -309,12 +278,12 @@ void LinuxPlatform::openApplication(const std::string& bundlePath, const OpenCon
     return;
   }
   try {
-    std::thread([child] {
+    startQuietThread([child] {
       int status = 0;
       while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
       }
     }).detach();
-  } catch (const std::system_error&) {
+  } catch (...) {
     // Without a thread the child stays a zombie until this process ends.
   }
   completion(std::nullopt);

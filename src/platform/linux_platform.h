@@ -1,4 +1,4 @@
-// The platform on Linux: real files, the system logger, the mount table and
+// The platform on Linux: real files, the journal, the mount table and
 // posix_spawn; Finder's own services (selection, appearance) are set by the
 // entry point, since Linux has no Finder to ask.
 #pragma once
@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/linux_journal.h"
 #include "platform/linux_mount_table.h"
 #include "platform/linux_strings_file.h"
 #include "platform/platform.h"
@@ -92,7 +93,7 @@ class LinuxPlatform : public Platform {
   LaunchCommand launchCommand(const std::string& bundlePath, const OpenConfiguration& configuration);
 
  private:
-  bool systemLogListens();
+  linux_journal::Socket& journal();
   void loadStrings();
   void deliverVolumeChange();
 
@@ -102,8 +103,8 @@ class LinuxPlatform : public Platform {
   std::unordered_map<std::string, bool> knownDirectories_;  // the file manager's types
   std::vector<std::string> monitored_;
 
-  std::once_flag systemLogOnce_;
-  bool systemLogListens_ = false;
+  std::once_flag journalOnce_;
+  std::unique_ptr<linux_journal::Socket> journal_;
 
   std::once_flag stringsOnce_;
   linux_strings_file::Table strings_;

@@ -1,16 +1,19 @@
 #include "services/log.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdio>
 #include <ctime>
 #include <deque>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "platform/platform.h"
 #include "services/container.h"
 #include "shared/json_writer.h"
 #include "shared/paths.h"
+#include "shared/threads.h"
 
 namespace palvin::FinderLog {
 namespace {
@@ -59,51 +62,94 @@ void append(const AppendTask& task) {
   (void)handle.close();
 }
 
+// How long a wait for the worker lasts without it finishing a line: far
+// beyond any append to a local disk, so reached only when the file system
+// hangs. Waits end then rather than hang their caller.
+constexpr auto kStall = std::chrono::seconds(5);
+
 // The serial queue: one worker thread, tasks in submission order. The worker
 // starts with the first task after a stop, so the log can be shut down and
-// used again.
+// used again. It blocks every signal, as it runs inside another program.
 class Queue {
  public:
+  // A line for which no worker can be started is dropped, as a failed append
+  // would lose it; the next line tries again.
   void submit(AppendTask task) {
-    {
-      std::lock_guard lock(mutex_);
-      tasks_.push_back(std::move(task));
-      // During a shutdown the line waits for the worker started after it.
-      if (!worker_.joinable() && !stopping_) worker_ = std::thread([this] { run(); });
+    std::unique_lock lock(mutex_);
+    if (!worker_.joinable()) {
+      try {
+        worker_ = startQuietThread([this, generation = generation_] { run(generation); });
+      } catch (...) {
+        return;
+      }
     }
+    tasks_.push_back(std::move(task));
+    lock.unlock();
     wake_.notify_one();
   }
 
   void flush() {
     std::unique_lock lock(mutex_);
-    idle_.wait(lock, [this] { return tasks_.empty() && !busy_; });
+    (void)settle(lock, [this] { return tasks_.empty() && writing_.empty(); });
   }
 
+  // A worker stuck on a line is left to end by itself once that line is
+  // done, and the lines behind it are dropped.
   void shutdown() {
     std::thread worker;
+    bool written = false;
     {
       std::unique_lock lock(mutex_);
-      idle_.wait(lock, [this] { return tasks_.empty() && !busy_; });
-      stopping_ = true;
+      written = settle(lock, [this] { return tasks_.empty() && writing_.empty(); });
+      tasks_.clear();
       worker = std::move(worker_);
+      ++generation_;
     }
     wake_.notify_all();
-    if (worker.joinable()) worker.join();
-    std::lock_guard lock(mutex_);
-    stopping_ = false;
-    // A line logged during the stop is not left without a worker.
-    if (!tasks_.empty() && !worker_.joinable()) worker_ = std::thread([this] { run(); });
+    if (!worker.joinable()) return;
+    if (written) {
+      worker.join();
+    } else {
+      worker.detach();
+    }
+  }
+
+  // The platform may be destroyed once this returns: its lines are written,
+  // or dropped when the worker stalls. An append through it that is under
+  // way is waited for however long it takes, since going on would leave it
+  // calling a destroyed platform.
+  void retire(Platform& platform) {
+    std::unique_lock lock(mutex_);
+    auto uses = [&platform](const AppendTask& task) { return task.platform == &platform; };
+    bool written = settle(lock, [&] {
+      return std::none_of(tasks_.begin(), tasks_.end(), uses) && !writing_.contains(&platform);
+    });
+    if (!written) std::erase_if(tasks_, uses);
+    idle_.wait(lock, [&] { return !writing_.contains(&platform); });
   }
 
  private:
-  void run() {
+  // Waits until `done` holds for as long as the worker keeps finishing lines;
+  // false when one line took longer than kStall.
+  template <typename Done>
+  bool settle(std::unique_lock<std::mutex>& lock, Done done) {
+    for (;;) {
+      const std::uint64_t before = finished_;
+      if (!idle_.wait_for(lock, kStall, [&] { return done() || finished_ != before; })) return false;
+      if (done()) return true;
+    }
+  }
+
+  // A worker of an earlier generation, one left stuck by a shutdown, ends
+  // after its line.
+  void run(std::uint64_t generation) {
     std::unique_lock lock(mutex_);
     for (;;) {
-      wake_.wait(lock, [this] { return !tasks_.empty() || stopping_; });
-      if (tasks_.empty()) return;
+      wake_.wait(lock, [&] { return !tasks_.empty() || generation != generation_; });
+      if (generation != generation_) return;
       AppendTask task = std::move(tasks_.front());
       tasks_.pop_front();
-      busy_ = true;
+      auto writing = writing_.insert(task.platform);
       lock.unlock();
       try {
         append(task);
@@ -111,8 +157,9 @@ class Queue {
         // A failed allocation loses this line, never the queue.
       }
       lock.lock();
-      busy_ = false;
-      if (tasks_.empty()) idle_.notify_all();
+      writing_.erase(writing);
+      ++finished_;
+      idle_.notify_all();
     }
   }
 
@@ -120,15 +167,19 @@ class Queue {
   std::condition_variable wake_;
   std::condition_variable idle_;
   std::deque<AppendTask> tasks_;
+  std::multiset<Platform*> writing_;  // the platforms of the appends under way
   std::thread worker_;
-  bool busy_ = false;
-  bool stopping_ = false;
+  std::uint64_t generation_ = 0;
+  std::uint64_t finished_ = 0;
 };
 
 // Made on first use and never destroyed: the worker may still be running when
 // the process exits, and waiting tasks are then simply lost.
 Queue& queue() {
-  static Queue* instance = new Queue();
+  static Queue* instance = [] {
+    setPlatformRetiredHandler([](Platform& retired) { queue().retire(retired); });
+    return new Queue();
+  }();
   return *instance;
 }
 
@@ -188,7 +239,11 @@ std::string formatLine(std::chrono::system_clock::time_point when, Level level, 
 
 void log(Level level, std::string_view message) {
   try {
-    Platform& platform = currentPlatform();
+    // Before the entry point installs a platform, or after it removed it,
+    // there is nowhere to log to.
+    Platform* installed = installedPlatform();
+    if (installed == nullptr) return;
+    Platform& platform = *installed;
     UnifiedLogType type = unifiedType(level);
     if (platform.unifiedLogEnabled(type)) platform.unifiedLog(type, message);
     auto container = FinderSharedContainer::url();

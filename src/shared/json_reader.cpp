@@ -1,5 +1,11 @@
 #include "shared/json_reader.h"
 
+#include <locale.h>
+#include <stdlib.h>
+#ifdef __APPLE__
+#include <xlocale.h>
+#endif
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -16,6 +22,13 @@ namespace palvin::json {
 namespace {
 
 constexpr std::string_view kUtf8Bom = "\xEF\xBB\xBF";
+
+// The "C" locale, made once: JSON's decimal point is '.', whatever locale the
+// host process set. Null only when it could not be made.
+locale_t cLocale() {
+  static const locale_t locale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(0));
+  return locale;
+}
 
 // Length of the UTF-8 sequence at the start of `rest`, or 0 when it does not start with a
 // well-formed one.
@@ -291,8 +304,10 @@ std::optional<SyntaxError> SyntaxScanner::number() {
   }
   // Only overflow is an error: underflow reads as zero. strtod rounds correctly and gives infinity
   // exactly when the value does not fit (floating-point from_chars is missing from Apple's libc++);
-  // nothing in the process changes LC_NUMERIC from "C", whose decimal point JSON uses.
-  if (std::isinf(std::strtod(std::string(token).c_str(), nullptr))) return fail("number out of range", start);
+  // it reads in the "C" locale, as the host's may take ',' for the decimal point.
+  const locale_t c = cLocale();
+  if (c != static_cast<locale_t>(0) && std::isinf(strtod_l(std::string(token).c_str(), nullptr, c)))
+    return fail("number out of range", start);
   return std::nullopt;
 }
 

@@ -83,10 +83,8 @@ void setUpPlatform() noexcept {
   }
 }
 
-// Only controllers log, and each provider's end has written its lines and
-// ended the log's worker (endShell), so no queued line still names the
-// platform. (Shutting the log down here would make its queue only to leave
-// it behind in an unloaded module.)
+// Uninstalling the platform writes the log's lines that still name it (each
+// provider's end has already written its own and ended the log's worker).
 void tearDownPlatform() noexcept {
   if (gPlatform == nullptr) return;
   installPlatform(nullptr);

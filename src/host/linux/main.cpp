@@ -24,6 +24,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <iostream>
 #include <thread>
@@ -61,11 +62,17 @@ constexpr const char* kUsage =
 
 // Written by the signal handler, read by the watch: one byte wakes it.
 int stopPipe[2] = {-1, -1};
-FinderRequestQueue* runningQueue = nullptr;
+// The handler runs on whichever thread the signal lands, so it touches only
+// lock-free atomics; main waits for a handler under way before the queue goes.
+std::atomic<FinderRequestQueue*> runningQueue{nullptr};
+std::atomic<int> handlersRunning{0};
+static_assert(std::atomic<FinderRequestQueue*>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
 void onStopSignal(int) {
   int saved = errno;
-  if (runningQueue != nullptr) runningQueue->requestStop();
+  ++handlersRunning;
+  if (FinderRequestQueue* queue = runningQueue.load()) queue->requestStop();
+  --handlersRunning;
   [[maybe_unused]] ssize_t ignored = ::write(stopPipe[1], "x", 1);
   errno = saved;
 }
@@ -240,6 +247,7 @@ int main(int argc, char** argv) {
   handleStopSignals();
   run(queue, log, watch, *container);
   runningQueue = nullptr;
+  while (handlersRunning.load() != 0) std::this_thread::yield();
   if (queue.stopRequested()) log.log(Level::info, "Stopped");
   vips_shutdown();
   return 0;
