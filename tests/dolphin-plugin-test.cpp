@@ -184,6 +184,12 @@ int main(int argc, char** argv) {
   QIcon::setThemeName("Adwaita");
   std::size_t threads = palvin::testing::threadCount();
   int failed = RUN_ALL_TESTS();
+  // Each menu goes with the plugin object that made it: KIO makes one per context menu.
+  for (QWidget* widget : QApplication::topLevelWidgets()) {
+    if (qobject_cast<QMenu*>(widget) == nullptr) continue;
+    std::fprintf(stderr, "A menu outlived its plugin object: %s\n", qPrintable(widget->windowTitle()));
+    failed = 1;
+  }
   app.reset();
   if (palvin::testing::threadCount() == threads) return failed;
   std::fprintf(stderr, "The plugin's threads outlived the application\n");
