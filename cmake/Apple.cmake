@@ -7,6 +7,12 @@ if(CMAKE_OSX_DEPLOYMENT_TARGET VERSION_LESS 12.0)
     "(palette colours for symbol images). Pass -DCMAKE_OSX_DEPLOYMENT_TARGET=12.0 or later.")
 endif()
 
+# A linker warning is an error where compiler warnings are: ld64 warns, for
+# one, about an object built for a newer macOS than the deployment target.
+if(PALVIN_WERROR)
+  add_link_options(LINKER:-fatal_warnings)
+endif()
+
 # --- Signing -------------------------------------------------------------------
 option(PALVIN_ADHOC_SIGNING
   "Sign ad hoc, without a team or provisioning profile: runs on this Mac only, for testing" OFF)

@@ -21,18 +21,20 @@ test_packages=(
   clang clang-format libclang-rt-14-dev libbenchmark-dev nlohmann-json3-dev
   # The host locale some tests set (de_DE.UTF-8) is generated from its sources.
   locales
-  # The Apple build's checks: Ninja, the LLVM tools that read Mach-O, libc++
-  # and C library headers for arm64 and x86_64, shellcheck for the Mac's build
-  # script (scripts/check-apple-build.py).
-  ninja-build shellcheck llvm-14 libc++-14-dev libc++abi-14-dev libc6-dev-arm64-cross libc6-dev-amd64-cross
-  # The real-program tests' display, session bus, keyboard and screenshots.
-  xvfb xdotool x11-utils dbus imagemagick
-  # The GNOME Files module and the test that runs it in a real Nautilus.
-  libnautilus-extension-dev nautilus librsvg2-common
-  # The Dolphin plugin (KIO, Qt 5) and the test that reads a real Dolphin's
-  # menus through the accessibility bus; Adwaita's symbolic icons (SVG) are
-  # the ones the plugin test draws.
-  libkf5kio-dev dolphin at-spi2-core python3-pyatspi adwaita-icon-theme libqt5svg5
+  # The Apple build's checks: Ninja, ld64.lld and the LLVM tools that write and
+  # read Mach-O, libc++'s headers, dpkg-source for simdjson's source package,
+  # shellcheck for the Mac's build script (scripts/check-apple-build.py).
+  ninja-build shellcheck lld-14 llvm-14 libc++-14-dev libc++abi-14-dev dpkg-dev
+  # The real-program tests' display, session and accessibility buses, keyboard
+  # and screenshots.
+  xvfb xdotool x11-utils dbus imagemagick python3-pyatspi at-spi2-core
+  # The file managers' modules (GNOME Files, Nemo, Caja, Thunar) and the file
+  # managers themselves, for their real-program tests.
+  libnautilus-extension-dev nautilus libnemo-extension-dev nemo libcaja-extension-dev caja
+  libthunarx-3-dev thunar librsvg2-common
+  # The Dolphin plugin (KIO, Qt 5) and Dolphin for its real-program test;
+  # Adwaita's symbolic icons (SVG) are the ones the plugin test draws.
+  libkf5kio-dev dolphin adwaita-icon-theme libqt5svg5
 )
 if [ "${1:-}" = "--tests" ]; then
   packages+=("${test_packages[@]}")

@@ -71,7 +71,7 @@ extension = load("PalvinFinder-Info.plist").get("NSExtension", {})
 check(sorted(extension) == ["NSExtensionAttributes", "NSExtensionPointIdentifier", "NSExtensionPrincipalClass"],
       f"NSExtension has the keys {sorted(extension)}")
 check(extension.get("NSExtensionPointIdentifier") == "com.apple.FinderSync", f"extension point: {extension}")
-# The principal class itself is checked against the object (apple-objects).
+# The principal class itself is checked in the linked extension (apple-bundle).
 
 
 for failure in failures:

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # A fresh `cmake --install` into a DESTDIR and prefix of its own: the files
-# land where Nautilus, KIO and the walk up to the host app expect them, and the
-# installed tool finds its translations and starts the installed host app.
-# Usage: install-test.sh <build dir> <Nautilus extension dir, empty without the module>
-#                        <Dolphin plugin dir, empty without the plugin>
+# land where the file managers and the walk up to the host app expect them,
+# and the installed tool finds its translations and starts the installed host
+# app.
+# Usage: install-test.sh <build dir> [<file manager's link to its module>...]
 set -euo pipefail
-build="$1" extensions="$2" kfileitemactions="$3"
+build="$1"
+shift
 tmp="$(mktemp -d)"
 trap 'rm -rf "$tmp"' EXIT
 dest="$tmp/dest" prefix=/opt/palvin-install-test
@@ -18,19 +19,19 @@ appex="$app/Contents/PlugIns/PalvinFinder.appex"
 [ -s "$appex/Resources/de.lproj/Localizable.strings" ] || fail "no translations in $appex/Resources"
 # Links are relative, so they resolve inside DESTDIR as they will once installed.
 [ "$(readlink -f "$dest$prefix/bin/palvin-finder")" = "$appex/palvin-finder" ] || fail "bin/palvin-finder"
-if [ -n "$extensions" ]; then
-  link="$dest$extensions/libpalvin-nautilus.so"
-  [ "$(readlink -f "$link")" = "$appex/libpalvin-nautilus.so" ] || fail "$link does not lead into the appex"
-  exports="$(nm -D --defined-only "$link" | awk '{print $3}' | sort | tr '\n' ' ')"
-  [ "$exports" = "nautilus_module_initialize nautilus_module_list_types nautilus_module_shutdown " ] ||
-    fail "the module exports $exports"
-fi
-if [ -n "$kfileitemactions" ]; then
-  link="$dest$kfileitemactions/palvin-dolphin.so"
-  [ "$(readlink -f "$link")" = "$appex/palvin-dolphin.so" ] || fail "$link does not lead into the appex"
-  exports="$(nm -D --defined-only "$link" | awk '{print $3}' | sort | tr '\n' ' ')"
-  [ "$exports" = "qt_plugin_instance qt_plugin_query_metadata " ] || fail "the plugin exports $exports"
-fi
+# Each file manager's extension directory links to its module in the appex,
+# which exports only that file manager's entry points: three for a GTK-family
+# module, Qt's two for the Dolphin plugin.
+for link in "$@"; do
+  module="$(basename "$link")"
+  [ "$(readlink -f "$dest$link")" = "$appex/$module" ] || fail "$dest$link does not lead into the appex"
+  name="${module#libpalvin-}" && name="${name%.so}"
+  entry="${name}_module" && [ "$name" = thunar ] && entry=thunar_extension
+  expected="${entry}_initialize ${entry}_list_types ${entry}_shutdown "
+  [ "$module" = palvin-dolphin.so ] && expected="qt_plugin_instance qt_plugin_query_metadata "
+  exports="$(nm -D --defined-only "$dest$link" | awk '{print $3}' | sort | tr '\n' ' ')"
+  [ "$exports" = "$expected" ] || fail "$module exports $exports"
+done
 
 # The installed host app writes its catalogue; the installed tool, called
 # through its link, has German titles from the bundle's Resources, and a pick

@@ -17,8 +17,11 @@ extern "C" {
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <future>
 #include <map>
+#include <memory>
 #include <regex>
 #include <thread>
 
@@ -115,6 +118,9 @@ class NautilusModule : public ::testing::Test {
     fs::permissions(launches, fs::perms::owner_all);
     launches += ".log";
     g_setenv("GIO_USE_VFS", "local", TRUE);
+    // GLib's own worker thread, which file monitors start and which stays.
+    g_object_unref(g_file_monitor_directory(g_file_new_for_path(bundle.str().c_str()), G_FILE_MONITOR_NONE,
+                                            nullptr, nullptr));
     baseline = threadCount();
     GTypeModule* loader = G_TYPE_MODULE(g_object_new(loader_get_type(), nullptr));
     ASSERT_TRUE(g_type_module_use(loader));
@@ -212,6 +218,73 @@ TEST_F(NautilusModule, MenusForSelections) {
     writeCatalogue(c.catalogue);
     EXPECT_EQ(menuFor(c.selection), c.menu) << c.selection.front();
   }
+  // Once Nautilus lets go of the items, each item and its submenu are gone.
+  // (Nautilus 43's own menus never release the items they hold.)
+  std::vector<std::unique_ptr<GWeakRef, void (*)(GWeakRef*)>> made;
+  for (GList* menu : menus) {
+    for (GList* node = menu; node != nullptr; node = node->next) {
+      g_autoptr(NautilusMenu) submenu = nullptr;
+      g_object_get(node->data, "menu", &submenu, nullptr);
+      for (gpointer object : {node->data, gpointer(submenu)}) {
+        made.emplace_back(new GWeakRef, [](GWeakRef* ref) { g_weak_ref_clear(ref), delete ref; });
+        g_weak_ref_init(made.back().get(), object);
+      }
+    }
+  }
+  for (GList* menu : std::exchange(menus, {})) g_list_free_full(menu, g_object_unref);
+  for (auto& ref : made) {
+    g_autoptr(GObject) alive = G_OBJECT(g_weak_ref_get(ref.get()));
+    EXPECT_EQ(alive, nullptr) << G_OBJECT_TYPE_NAME(alive);
+  }
+}
+
+// The catalogue appearing, changing or going away makes Nautilus ask again
+// for the same selection's items; the log growing beside it does not.
+TEST_F(NautilusModule, MenusFollowTheCatalogue) {
+  int updates = 0;
+  g_signal_connect_swapped(provider, "items-updated", G_CALLBACK(+[](int* count) { ++*count; }), &updates);
+  auto updated = [&] {
+    int before = updates;
+    return waitFor(
+        [&] {
+          while (g_main_context_iteration(nullptr, FALSE)) {
+          }
+          return updates > before;
+        },
+        std::chrono::seconds(20));
+  };
+  const std::string fallback = "Convert with Palvin \xE2\x80\x94 open to set up";
+  const std::string catalogue = container + "/capabilities.json";
+  struct {
+    const char* change;
+    std::function<void()> make;
+    std::string menu;
+  } steps[] = {
+      {"appears", [&] { writeCatalogue(kCatalogue); }, kPhotoMenu},
+      {"changes",
+       [&] {
+         writeCatalogue(std::regex_replace(kCatalogue, std::regex("\"schemaVersion\""),
+                                           R"("convertMenuTitle":"Palvin","schemaVersion")"));
+         fs::last_write_time(catalogue, fs::file_time_type::clock::now() + std::chrono::hours(1));
+       },
+       std::regex_replace(kPhotoMenu, std::regex("Convert using Palvin"), "Palvin")},
+      {"goes away", [&] { fs::remove(catalogue); }, fallback},
+  };
+  EXPECT_EQ(menuFor({"photo.png"}), fallback);
+  for (const auto& step : steps) {
+    step.make();
+    EXPECT_TRUE(updated()) << step.change;
+    EXPECT_EQ(menuFor({"photo.png"}), step.menu) << step.change;
+  }
+  // The log growing and other files of the container change no menu.
+  const int before = updates;
+  std::ofstream(container + "/finder-extension.log", std::ios::app) << "a line\n";
+  palvin::testing::writeText(container + "/notes.txt", "not the catalogue");
+  for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+       std::chrono::steady_clock::now() < end; g_usleep(10000)) {
+    g_main_context_iteration(nullptr, FALSE);
+  }
+  EXPECT_EQ(updates, before);
 }
 
 // Before the host app has written a catalogue, the one item opens it to the

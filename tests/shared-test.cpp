@@ -1,7 +1,15 @@
 // The ground-level helpers: UTF-8 and JSON strings, paths.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <locale>
+#include <random>
 #include <string>
+#include <system_error>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -51,6 +59,41 @@ TEST(AppendString, EscapesWhatJsonRequires) {
     std::string text = "[1,";
     EXPECT_TRUE(appendString(text, in, escapeSlash));
     EXPECT_EQ(text, "[1," + out);
+  }
+}
+
+// Exactly what std::to_chars writes here, where Apple's libc++ can't: the plain or scientific form at
+// every length, a whole number's exact digits past 2^53, subnormals, the largest double, and powers of
+// two whose shortest form lies above the nearest one (2^-1017, 2^976). Then random bit patterns and
+// short decimals. Meanwhile the global locale has a decimal comma, as a host process may set.
+TEST(FormatNumber, WritesWhatToCharsWrites) {
+  struct Comma : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+  };
+  struct Global {
+    std::locale previous = std::locale::global(std::locale(std::locale::classic(), new Comma));
+    ~Global() { std::locale::global(previous); }
+  } comma;
+  std::vector<double> values = {1.5,       -1e300,  0x1p63, 0.1,       1e-7,
+                                123456,    1e21,    1e22,   1e23,      1e16,
+                                1.23e20,   1.5e-5,  1.5e-4, 2.0 / 3,   1234567890123456789.0,
+                                0x1p-1017, 0x1p976, 5e-324, 0x1p-1022, 1.7976931348623157e308,
+                                -0.0};
+  for (int e = -1074; e <= 1023; e += 3) values.push_back(std::ldexp(1.0, e));
+  std::mt19937_64 random(21);
+  for (int i = 0; i < 3000; ++i) {
+    const std::uint64_t bits = random();
+    double value = 0;
+    std::memcpy(&value, &bits, sizeof value);
+    if (std::isfinite(value)) values.push_back(value);
+    values.push_back(static_cast<double>(random() % 1000000) /
+                     std::pow(10.0, static_cast<int>(random() % 12)));
+  }
+  for (double value : values) {
+    std::array<char, 64> buffer{};
+    const auto [end, error] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
+    ASSERT_EQ(error, std::errc());
+    ASSERT_EQ(formatNumber(value), std::string(buffer.data(), end)) << std::hexfloat << value;
   }
 }
 

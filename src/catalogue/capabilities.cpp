@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +11,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -30,12 +28,6 @@ using simdjson::dom::element_type;
 // U+FFFD, so that encoding always yields valid JSON.
 void appendStringLossy(std::string& out, std::string_view s) {
   if (!json::appendString(out, s)) json::appendString(out, json::toValidUtf8(s));
-}
-
-std::string formatDouble(double d) {
-  std::array<char, 32> buf{};
-  auto [end, ec] = std::to_chars(buf.data(), buf.data() + buf.size(), d);
-  return ec == std::errc() ? std::string(buf.data(), end) : std::string("?");
 }
 
 // ----------------------------------------------------------------------------------------------
@@ -175,9 +167,9 @@ bool Decoder::integer(element e, const PathStep& at, std::int64_t& out) {
       // A number written with a fraction or exponent counts when its value is a whole number
       // (1.0, 1e0), as Foundation reads it.
       const double d = e.get_double().value_unsafe();
-      if (d != std::trunc(d)) return fail(at, "expected integer, found number " + formatDouble(d));
+      if (d != std::trunc(d)) return fail(at, "expected integer, found number " + json::formatNumber(d));
       if (d < -9223372036854775808.0 || d >= 9223372036854775808.0) {
-        return fail(at, formatDouble(d) + " is out of range for a signed 64-bit integer");
+        return fail(at, json::formatNumber(d) + " is out of range for a signed 64-bit integer");
       }
       out = static_cast<std::int64_t>(d);
       return true;

@@ -1,7 +1,15 @@
 #include "shared/json_writer.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <iomanip>
+#include <limits>
+#include <locale>
+#include <sstream>
+#include <utility>
 
 namespace palvin::json {
 
@@ -37,7 +45,75 @@ int sequenceLength(const unsigned char* p, const unsigned char* end) {
   return extra + 1;
 }
 
+// Streams in the classic locale: their decimal point is '.' whatever the
+// global C and C++ locales are.
+std::string scientific(double value, int precision) {
+  std::ostringstream out;
+  out.imbue(std::locale::classic());
+  out << std::scientific << std::setprecision(precision) << value;
+  return out.str();
+}
+
+bool readsBackAs(const std::string& text, double value) {
+  std::istringstream in(text);
+  in.imbue(std::locale::classic());
+  double back = 0;
+  in >> back;
+  // Out of range fails; a subnormal may fail too (underflow) and still be read exactly.
+  if (in.fail() && !(value < std::numeric_limits<double>::min())) return false;
+  return back == value;
+}
+
+// Significant digits and decimal exponent of a positive finite value: the
+// fewest digits that read back as it (nearest first, then the next one up,
+// which the wider gap above a power of two can admit).
+std::pair<std::string, int> shortestDigits(double value) {
+  for (int precision = 0;; ++precision) {
+    const std::string text = scientific(value, precision);
+    const std::size_t e = text.find('e');
+    std::string digits = text.substr(0, e);
+    if (digits.size() > 1) digits.erase(1, 1);  // the point
+    const int exponent = std::stoi(text.substr(e + 1));
+    if (precision >= 16 || readsBackAs(text, value)) return {digits, exponent};
+    std::string up = digits;
+    std::size_t i = up.size();
+    while (i > 0 && up[i - 1] == '9') up[--i] = '0';
+    if (i == 0) continue;  // rounds up to a power of ten: fewer digits, tried already
+    ++up[i - 1];
+    const std::string candidate = up.substr(0, 1) + "." + up.substr(1) + "e" + std::to_string(exponent);
+    if (readsBackAs(candidate, value)) return {up, exponent};
+  }
+}
+
 }  // namespace
+
+std::string formatNumber(double value) {
+  if (std::isnan(value)) return std::signbit(value) ? "-nan" : "nan";
+  const std::string sign = std::signbit(value) ? "-" : "";
+  if (std::isinf(value)) return sign + "inf";
+  if (value == 0) return sign + "0";
+  const auto [digits, exponent] = shortestDigits(std::fabs(value));
+  const int n = static_cast<int>(digits.size());
+  const int exponentDigits = std::max(2, static_cast<int>(std::to_string(std::abs(exponent)).size()));
+  const int scientificLength = n + (n > 1 ? 1 : 0) + 2 + exponentDigits;
+  const int plainLength = exponent >= n - 1 ? exponent + 1 : (exponent >= 0 ? n + 1 : n + 1 - exponent);
+  if (plainLength <= scientificLength) {
+    if (exponent >= n - 1) {
+      // A whole number: its exact digits, not the shortest ones padded with zeros.
+      std::ostringstream out;
+      out.imbue(std::locale::classic());
+      out << std::fixed << std::setprecision(0) << value;
+      return out.str();
+    }
+    if (exponent >= 0) return sign + digits.substr(0, exponent + 1) + "." + digits.substr(exponent + 1);
+    return sign + "0." + std::string(-exponent - 1, '0') + digits;
+  }
+  std::string text = sign + digits.substr(0, 1);
+  if (n > 1) text += "." + digits.substr(1);
+  std::string power = std::to_string(std::abs(exponent));
+  if (power.size() < 2) power.insert(0, "0");
+  return text + (exponent < 0 ? "e-" : "e+") + power;
+}
 
 bool isValidUtf8(std::string_view s) {
   const auto* p = reinterpret_cast<const unsigned char*>(s.data());

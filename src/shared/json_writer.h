@@ -22,4 +22,10 @@ std::string toValidUtf8(std::string_view s);
 // and appends nothing when `s` is not valid UTF-8.
 bool appendString(std::string& out, std::string_view s, bool escapeSlash = false);
 
+// The shortest text that reads back as `value`, in the form std::to_chars
+// gives without a format: plain or scientific, whichever is shorter, and a
+// whole number's exact digits. Apple's libc++ has no floating-point to_chars
+// before macOS 13.3. Always in the C locale, whatever the process has set.
+std::string formatNumber(double value);
+
 }  // namespace palvin::json

@@ -23,13 +23,12 @@
 #include <utility>
 #include <vector>
 
-#include "extension/common/file_manager_platform.h"
-#include "extension/common/freedesktop_icons.h"
-#include "extension/common/menu_session.h"
-#include "extension/common/module_bundle.h"
+#include "extension/dolphin/dolphin_platform.h"
+#include "extension/shell/extension_shell.h"
+#include "extension/shell/menu_rendering.h"
+#include "extension/shell/module_bundle.h"
 #include "platform/platform.h"
 #include "services/log.h"
-#include "shared/paths.h"
 
 namespace palvin {
 namespace {
@@ -38,8 +37,8 @@ namespace {
 // is the process's one controller, made at the first menu and ended with the
 // application.
 struct Shell {
-  std::unique_ptr<FileManagerPlatform> platform;
-  std::unique_ptr<MenuSession> session;
+  std::unique_ptr<DolphinPlatform> platform;
+  std::unique_ptr<ExtensionShell> controller;
 };
 Shell* gShell = nullptr;
 
@@ -50,7 +49,7 @@ void endShell() {
   Shell* shell = std::exchange(gShell, nullptr);
   if (shell == nullptr) return;
   try {
-    shell->session.reset();
+    shell->controller.reset();
     FinderLog::shutdown();
   } catch (...) {
   }
@@ -58,19 +57,16 @@ void endShell() {
   delete shell;
 }
 
-MenuSession* session() {
-  if (gShell != nullptr) return gShell->session.get();
+Shell* shell() {
+  if (gShell != nullptr) return gShell;
   if (QCoreApplication::instance() == nullptr) return nullptr;
   auto shell = std::make_unique<Shell>();
-  LinuxPlatform::Options options;
-  options.bundlePath = moduleBundlePath();
-  if (options.bundlePath) options.stringsDirectory = paths::join(*options.bundlePath, "Resources");
-  shell->platform = std::make_unique<FileManagerPlatform>(std::move(options));
+  shell->platform = std::make_unique<DolphinPlatform>(module_bundle::platformOptions());
   installPlatform(shell->platform.get());
-  shell->session = std::make_unique<MenuSession>(*shell->platform);
+  shell->controller = std::make_unique<ExtensionShell>(*shell->platform);
   gShell = shell.release();
   qAddPostRoutine(endShell);
-  return gShell->session.get();
+  return gShell;
 }
 
 // Each item's local path (desktop:/ and recent items have one too), with
@@ -129,7 +125,7 @@ class TintedIconEngine : public QIconEngine {
 
 QIcon categoryIcon(const std::optional<SymbolImage>& image) {
   if (!image) return {};
-  std::optional<std::string_view> name = freedesktopIconName(image->symbolName);
+  std::optional<std::string_view> name = menu_rendering::freedesktopIconName(image->symbolName);
   if (!name) return {};
   QIcon themed = QIcon::fromTheme(QString::fromUtf8(name->data(), static_cast<int>(name->size())));
   if (themed.isNull()) return {};
@@ -139,33 +135,34 @@ QIcon categoryIcon(const std::optional<SymbolImage>& image) {
 
 // Qt takes "&" as the mark of a mnemonic; doubled, it shows as itself.
 QString actionText(const std::string& title) {
-  return QString::fromStdString(title).replace(QLatin1Char('&'), QLatin1String("&&"));
+  return QString::fromStdString(menu_rendering::escapeMnemonics(title, '&'));
 }
 
 // The slots run inside Qt's event loop, after the menu that made them may
 // have gone: they reach the controller only through the shell, if it still
-// exists.
-void connectAction(QAction* action, const MenuItem& item, const MenuSession& built,
-                   const std::shared_ptr<const MenuOrigin>& origin) {
+// exists. `built` is the build the item came from: its number and selection.
+void connectAction(QAction* action, const MenuItem& item, const ExtensionShell::Pick& built) {
   if (item.action == MenuAction::openHostApp) {
     QObject::connect(action, &QAction::triggered, action, [] {
       try {
-        if (gShell != nullptr) gShell->session->openHostApp();
+        if (gShell != nullptr) gShell->controller->openHostApp();
       } catch (...) {
       }
     });
   } else if (item.action == MenuAction::convertAction) {
-    QObject::connect(action, &QAction::triggered, action, [pick = built.pickFor(item, origin)] {
+    ExtensionShell::Pick pick = built;
+    pick.tag = item.tag;
+    pick.formatId = gShell->controller->formatIdForTag(item.tag).value_or(std::string());
+    QObject::connect(action, &QAction::triggered, action, [pick = std::move(pick)] {
       try {
-        if (gShell != nullptr) gShell->session->convert(pick);
+        if (gShell != nullptr) gShell->controller->convert(pick);
       } catch (...) {
       }
     });
   }
 }
 
-void fillMenu(QMenu* qmenu, const Menu& menu, const MenuSession& built,
-              const std::shared_ptr<const MenuOrigin>& origin) {
+void fillMenu(QMenu* qmenu, const Menu& menu, const ExtensionShell::Pick& built) {
   qmenu->setTitle(actionText(menu.title));
   for (const MenuItem& item : menu.items) {
     if (item.isSeparator) {
@@ -175,13 +172,13 @@ void fillMenu(QMenu* qmenu, const Menu& menu, const MenuSession& built,
     QAction* action = nullptr;
     if (item.submenu) {
       QMenu* submenu = qmenu->addMenu(categoryIcon(item.image), actionText(item.title));
-      fillMenu(submenu, *item.submenu, built, origin);
+      fillMenu(submenu, *item.submenu, built);
       action = submenu->menuAction();
     } else {
       action = qmenu->addAction(categoryIcon(item.image), actionText(item.title));
     }
     action->setEnabled(item.enabled);
-    connectAction(action, item, built, origin);
+    connectAction(action, item, built);
   }
 }
 
@@ -199,20 +196,23 @@ class PalvinConvertPlugin : public KAbstractFileItemActionPlugin {
   QList<QAction*> actions(const KFileItemListProperties& items, QWidget* parentWidget) override {
     QList<QAction*> result;
     try {
-      palvin::MenuSession* session = palvin::session();
-      if (session == nullptr) return result;
+      palvin::Shell* shell = palvin::shell();
+      if (shell == nullptr) return result;
       const QPalette palette = parentWidget != nullptr ? parentWidget->palette() : QApplication::palette();
-      palvin::gShell->platform->setAppearance(palvin::appearanceOf(palette));
-      auto [menu, origin] = session->build(palvin::selectedItems(items.items()));
+      shell->platform->setAppearance(palvin::appearanceOf(palette));
+      palvin::ExtensionShell::Pick built;
+      built.selection = palvin::selectedItems(items.items());
+      palvin::Menu menu = shell->controller->menuForItems(built.selection);
+      built.build = shell->controller->build();
       for (const palvin::MenuItem& item : menu.items) {
         auto* action = new QAction(palvin::actionText(item.title), this);
         if (item.submenu) {
           auto* submenu = new QMenu();
           QObject::connect(action, &QObject::destroyed, [submenu] { delete submenu; });
-          palvin::fillMenu(submenu, *item.submenu, *session, origin);
+          palvin::fillMenu(submenu, *item.submenu, built);
           action->setMenu(submenu);
         }
-        palvin::connectAction(action, item, *session, origin);
+        palvin::connectAction(action, item, built);
         result.append(action);
       }
     } catch (...) {

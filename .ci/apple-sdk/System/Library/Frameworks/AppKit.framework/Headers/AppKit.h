@@ -173,8 +173,12 @@ typedef NS_ENUM(NSUInteger, NSApplicationTerminateReply){
 - (BOOL)applicationSupportsSecureRestorableState:(NSApplication*)app API_AVAILABLE(macos(12.0));
 @end
 
+// "An app extension cannot access a sharedApplication object", the App
+// Extension Programming Guide says (Understand How an App Extension Works);
+// NSApp is the same object.
 @interface NSApplication : NSResponder
-@property(class, readonly, strong) __kindof NSApplication* sharedApplication;
+@property(class, readonly, strong) __kindof NSApplication* sharedApplication
+    NS_EXTENSION_UNAVAILABLE_MAC("an app extension has no shared application");
 @property(nullable, weak) id<NSApplicationDelegate> delegate;
 @property(nullable, strong) NSMenu* mainMenu;
 - (BOOL)setActivationPolicy:(NSApplicationActivationPolicy)activationPolicy API_AVAILABLE(macos(10.6));
@@ -186,7 +190,8 @@ typedef NS_ENUM(NSUInteger, NSApplicationTerminateReply){
 - (void)replyToApplicationShouldTerminate:(BOOL)shouldTerminate;
 @end
 
-APPKIT_EXTERN __kindof NSApplication* _Null_unspecified NSApp;
+APPKIT_EXTERN __kindof NSApplication* _Null_unspecified NSApp
+    NS_EXTENSION_UNAVAILABLE_MAC("an app extension has no shared application");
 
 // --- The workspace ---------------------------------------------------------------
 

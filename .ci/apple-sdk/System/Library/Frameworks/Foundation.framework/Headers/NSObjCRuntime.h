@@ -20,6 +20,8 @@
 #define NS_DESIGNATED_INITIALIZER __attribute__((objc_designated_initializer))
 #define NS_RETURNS_RETAINED __attribute__((ns_returns_retained))
 #define NS_SWIFT_NAME(name)
+// Not for app extensions: with -fapplication-extension a use is an error.
+#define NS_EXTENSION_UNAVAILABLE_MAC(_msg) __attribute__((availability(macos_app_extension, unavailable, message = _msg)))
 
 // As the SDK spells them in C++: NS_ENUM is a typed enum, NS_OPTIONS a plain
 // integer type with its constants beside it, so 0 and | work on options.
