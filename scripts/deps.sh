@@ -9,9 +9,11 @@ packages=(
   cmake make g++ git pkg-config
   libsimdjson-dev libicu-dev libcli11-dev
   libgtest-dev libgmock-dev python3
-  # The Linux host app's converters (libvips with HEIC and PDF, poppler,
-  # libnotify, the ffmpeg program) and what its tests use to check outputs.
-  libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libnotify-dev zlib1g-dev ffmpeg
+  # The Linux host app's converters (libvips with HEIC and PDF, poppler, the
+  # ffmpeg program), GIO for its desktop notifications, and what its test
+  # builds with to make fixtures and check outputs (cairo draws a PDF).
+  libvips-dev libheif-dev libpoppler-cpp-dev libpoppler-glib-dev libglib2.0-dev zlib1g-dev ffmpeg
+  libcairo2-dev
 )
 
 # The rest of the suite: the format check, benchmarks, sanitizer and fuzzing
@@ -26,8 +28,8 @@ test_packages=(
   # shellcheck for the Mac's build script (scripts/check-apple-build.py).
   ninja-build shellcheck lld-14 llvm-14 libc++-14-dev libc++abi-14-dev dpkg-dev
   # The real-program tests' display, session and accessibility buses, keyboard
-  # and screenshots.
-  xvfb xdotool x11-utils dbus imagemagick python3-pyatspi at-spi2-core
+  # and screenshots; pdftotext reads the host app's PDFs back.
+  xvfb xdotool x11-utils dbus imagemagick python3-pyatspi at-spi2-core poppler-utils
   # The file managers' modules (GNOME Files, Nemo, Caja, Thunar) and the file
   # managers themselves, for their real-program tests.
   libnautilus-extension-dev nautilus libnemo-extension-dev nemo libcaja-extension-dev caja

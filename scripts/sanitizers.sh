@@ -2,7 +2,7 @@
 # The whole test suite under AddressSanitizer and UndefinedBehaviorSanitizer,
 # then the tests that run threads (the log and its stress run, the store with
 # the log's queue, the sender and the request queue's parallel files, the
-# controller and hostile files read while the log's worker writes) under
+# controller while the log's worker writes) under
 # ThreadSanitizer. Any report fails the run.
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -47,27 +47,40 @@ std::vector<std::string> received(int fd) {
   return out;
 }
 
-// A stand-in system logger on /dev/log and a stand-in journal.
-class Guest : public ::testing::Test {
- protected:
-  ~Guest() override {
-    ::close(syslogd);
-    ::close(journald);
-  }
-  const int syslogd = listenAt("/dev/log");
-  const int journald = listenAt("/run/systemd/journal/socket");
-};
-
-// The host's own syslog lines keep the identity and facility it chose while
-// the extension logs, and after the extension is gone.
-TEST_F(Guest, TheHostsSyslogIdentityAndFacilitySurviveTheExtension) {
+// One datagram per line in the journal's native protocol: the subsystem and
+// category as fields, a message with line feeds in the protocol's sized form.
+// A journal that reads nothing fills up: the lines beyond its room are
+// dropped, and no call waits for it. Without a journal, nothing is sent. The
+// host's own syslog lines keep the identity and facility it chose, while the
+// extension logs and after it is gone.
+TEST(Guest, JournalEntriesNeverWaitAndTheHostsSyslogIdentitySurvives) {
+  testing::Watchdog guard;
+  const int syslogd = listenAt("/dev/log"), journald = listenAt("/run/systemd/journal/socket");
+  const std::string fields = "SYSLOG_IDENTIFIER=" + std::string(ids::kLogSubsystem) +
+                             "\nPALVIN_SUBSYSTEM=" + std::string(ids::kLogSubsystem) +
+                             "\nPALVIN_CATEGORY=PalvinFinder\n";
   ::openlog("host-tool", LOG_PID, LOG_LOCAL3);
   ::syslog(LOG_NOTICE, "before");
   {
     LinuxPlatform platform;
     ScopedPlatform installed(platform);
-    FinderLog::log(Level::error, "from the extension");
+    FinderLog::log(Level::debug, "d");
+    FinderLog::log(Level::info, "");
     ::syslog(LOG_NOTICE, "during");
+    FinderLog::log(Level::warn, "w = 1");
+    FinderLog::log(Level::error, "two\nlines");
+    EXPECT_EQ(
+        received(journald),
+        (std::vector<std::string>{
+            "PRIORITY=7\n" + fields + "MESSAGE=d\n", "PRIORITY=6\n" + fields + "MESSAGE=\n",
+            "PRIORITY=3\n" + fields + "MESSAGE=w = 1\n",
+            "PRIORITY=3\n" + fields + "MESSAGE\n" + std::string("\x09\0\0\0\0\0\0\0", 8) + "two\nlines\n"}));
+
+    constexpr std::size_t kLines = 20000;
+    for (std::size_t i = 0; i < kLines; ++i) FinderLog::log(Level::info, "line " + std::to_string(i));
+    const auto entries = received(journald);
+    EXPECT_GT(entries.size(), 0u);
+    EXPECT_LT(entries.size(), kLines);
     FinderLog::shutdown();
   }
   ::syslog(LOG_NOTICE, "after");
@@ -77,39 +90,11 @@ TEST_F(Guest, TheHostsSyslogIdentityAndFacilitySurviveTheExtension) {
   for (auto& line : lines) line.erase(line.find('>') + 1, 16);
   const std::string host = "<157>host-tool[" + std::to_string(::getpid()) + "]: ";  // LOG_LOCAL3 | LOG_NOTICE
   EXPECT_EQ(lines, (std::vector<std::string>{host + "before", host + "during", host + "after"}));
-  EXPECT_EQ(received(journald).size(), 1u);
-}
-
-// One datagram per line in the journal's native protocol: the subsystem and
-// category as fields, a message with line feeds in the protocol's sized form.
-// A journal that reads nothing fills up: the lines beyond its room are
-// dropped, and no call waits for it. Without a journal, nothing is sent.
-TEST_F(Guest, JournalEntriesCarryTheSubsystemAndCategoryAndNeverWait) {
-  testing::Watchdog guard;
-  const std::string fields = "SYSLOG_IDENTIFIER=" + std::string(ids::kLogSubsystem) +
-                             "\nPALVIN_SUBSYSTEM=" + std::string(ids::kLogSubsystem) +
-                             "\nPALVIN_CATEGORY=PalvinFinder\n";
-  LinuxPlatform platform;
-  ScopedPlatform installed(platform);
-  FinderLog::log(Level::debug, "d");
-  FinderLog::log(Level::info, "");
-  FinderLog::log(Level::warn, "w = 1");
-  FinderLog::log(Level::error, "two\nlines");
-  EXPECT_EQ(
-      received(journald),
-      (std::vector<std::string>{
-          "PRIORITY=7\n" + fields + "MESSAGE=d\n", "PRIORITY=6\n" + fields + "MESSAGE=\n",
-          "PRIORITY=3\n" + fields + "MESSAGE=w = 1\n",
-          "PRIORITY=3\n" + fields + "MESSAGE\n" + std::string("\x09\0\0\0\0\0\0\0", 8) + "two\nlines\n"}));
-
-  constexpr std::size_t kLines = 20000;
-  for (std::size_t i = 0; i < kLines; ++i) FinderLog::log(Level::info, "line " + std::to_string(i));
-  const auto entries = received(journald);
-  EXPECT_GT(entries.size(), 0u);
-  EXPECT_LT(entries.size(), kLines);
 
   ::unlink("/run/systemd/journal/socket");
   EXPECT_FALSE(LinuxPlatform().unifiedLogEnabled(UnifiedLogType::error));
+  ::close(syslogd);
+  ::close(journald);
 }
 
 }  // namespace

@@ -85,7 +85,6 @@ TEST_F(LogTest, OneMoreLineEndsATornLineAndTrimsOnlyPastTheThreshold) {
            {"", next},
            {"whole\n", "whole\n" + next},
            {"torn", "torn\n" + next},
-           {"\n", "\n" + next},
            {full, full + next},  // exactly at the threshold
            {over, (over + next).substr(over.size() + next.size() - FinderLog::kTrimKeep)}}) {
     fake.putFile(kLogPath, before, {});

@@ -267,6 +267,19 @@ TEST(RequestQueue, ConvertsInParallelLeavesHeldClaimsAndResumesStoppedRequests) 
   EXPECT_EQ(*result("a.json"), expected(a));
   EXPECT_EQ(*result("c.json"), expected(c));
   EXPECT_TRUE(std::filesystem::is_empty(dir.file("requests/processing")));
+
+  // A cancel after the 5th file started (from a converter's thread, as from
+  // the notifier's) ends d: what started finishes, the rest is cancelled.
+  dir.write("requests/d.json", *request('d', 20).encode());
+  QueueRun third;
+  third.onFile = [](FinderRequestQueue& queue, std::size_t count) {
+    queue.cancel(count == 5 ? "d.json" : "a.json");
+  };
+  EXPECT_EQ(third.process(dir.path(), 3), 1u);
+  EXPECT_EQ(result("d.json")->count(Status::cancelled) + third.converted.size(), 20u);
+  EXPECT_LT(third.converted.size(), 10u);
+  EXPECT_TRUE(std::filesystem::is_empty(dir.file("requests/processing")) &&
+              !std::filesystem::exists(dir.file("requests/d.json")));
 }
 
 // The result document's decoder: as strict as the request's, with the status rules.
@@ -274,13 +287,14 @@ TEST(ConversionResult, DecodesOnlyWhatItsEncoderCouldHaveWritten) {
   const FinderConversionResult mixed{"webp",
                                      {{"/a/x.png", Status::converted, "/a/x.webp", ""},
                                       {"/a/\xC3\xA9.png", Status::failed, "", "no \"luck\""},
-                                      {"/a/z.png", Status::pending, "", ""}}};
+                                      {"/a/z.png", Status::pending, "", ""},
+                                      {"/a/w.png", Status::cancelled, "", ""}}};
   EXPECT_EQ(*FinderConversionResult::decode(*mixed.encode()), mixed);
   // clang-format off
   for (const auto& [document, error] : std::vector<std::pair<std::string, std::string>>{
            {R"({"files":[],"x":1,"targetFormatId":"mp3"})", ""},
            {R"({"targetFormatId":"a","files":[{"status":"pending"}]})", "files[0].path: missing"},
-           {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"done"}]})", "files[0].status: expected \"pending\", \"converted\" or \"failed\""},
+           {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"done"}]})", "files[0].status: expected \"pending\", \"converted\", \"failed\" or \"cancelled\""},
            {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"converted"}]})", "files[0].outputPath: missing"},
            {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"converted","outputPath":""}]})", "files[0].outputPath: empty"},
            {R"({"targetFormatId":"a","files":[{"path":"\/p","status":"failed","error":null}]})", "files[0].error: expected string, found null"},

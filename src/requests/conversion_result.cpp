@@ -17,8 +17,10 @@ namespace {
 
 using FileStatus = FinderFileResult::Status;
 
-constexpr std::pair<FileStatus, std::string_view> kStatusNames[] = {
-    {FileStatus::pending, "pending"}, {FileStatus::converted, "converted"}, {FileStatus::failed, "failed"}};
+constexpr std::pair<FileStatus, std::string_view> kStatusNames[] = {{FileStatus::pending, "pending"},
+                                                                    {FileStatus::converted, "converted"},
+                                                                    {FileStatus::failed, "failed"},
+                                                                    {FileStatus::cancelled, "cancelled"}};
 
 bool appendMember(std::string& out, std::string_view key, std::string_view value) {
   out += ",\"";
@@ -94,7 +96,7 @@ Result<FinderConversionResult> FinderConversionResult::decode(std::string_view b
     auto known = std::find_if(std::begin(kStatusNames), std::end(kStatusNames),
                               [&](const auto& entry) { return entry.second == status; });
     if (known == std::end(kStatusNames)) {
-      return Error{at + ".status: expected \"pending\", \"converted\" or \"failed\""};
+      return Error{at + ".status: expected \"pending\", \"converted\", \"failed\" or \"cancelled\""};
     }
     file.status = known->first;
     if (file.status == FileStatus::converted) {

@@ -8,6 +8,8 @@
 //     {"path":"\/a\/broken.png","status":"failed","error":"..."},
 //     {"path":"\/a\/later.png","status":"pending"}]}
 //
+// "cancelled" marks a file the user's Cancel stopped or never let start.
+//
 // One entry per file of the request, in the request's order. Compact, slashes
 // escaped and non-ASCII raw, like the request document.
 #pragma once
@@ -22,8 +24,8 @@ namespace palvin {
 
 struct FinderFileResult {
   // pending: not finished yet (the request was returned to the queue, or is
-  // still being worked on).
-  enum class Status { pending, converted, failed };
+  // still being worked on). cancelled: the user stopped the request first.
+  enum class Status { pending, converted, failed, cancelled };
 
   std::string path;
   Status status = Status::pending;
@@ -43,15 +45,15 @@ struct FinderConversionResult {
 
   // As strict as the request's decoder: keys in any order, unknown keys
   // ignored, "targetFormatId", "files" and every entry's "path" and "status"
-  // required with their types; "status" is "pending", "converted" or
-  // "failed"; a converted entry needs a non-empty "outputPath", a failed one a
+  // required with their types; "status" is "pending", "converted",
+  // "failed" or "cancelled"; a converted entry needs a non-empty "outputPath", a failed one a
   // non-empty "error". Fields that do not belong to the status are ignored.
   static Result<FinderConversionResult> decode(std::string_view bytes);
 
   std::size_t count(FinderFileResult::Status status) const;
 };
 
-// "pending", "converted" or "failed".
+// "pending", "converted", "failed" or "cancelled".
 std::string_view statusName(FinderFileResult::Status status);
 
 }  // namespace palvin

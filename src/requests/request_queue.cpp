@@ -180,9 +180,31 @@ void FinderRequestQueue::handle(Claim& claim) {
     return;
   }
   FinderConversionResult result = priorResult(claim.name, *request);
+  {
+    std::lock_guard lock(underWayMutex_);
+    underWay_ = claim.name;
+    cancelled_ = false;
+    // Cleared before the stop flag is read, so that a stop coming in between
+    // is not lost.
+    interrupt_.store(false);
+    if (stopRequested()) interrupt_.store(true);
+  }
   convertFiles(claim.name, *request, result);
+  bool cancelled;
+  {
+    std::lock_guard lock(underWayMutex_);
+    underWay_.clear();
+    cancelled = cancelled_;
+  }
+  using FileStatus = FinderFileResult::Status;
+  if (cancelled) {
+    for (auto& file : result.files) {
+      if (file.status == FileStatus::pending) file.status = FileStatus::cancelled;
+    }
+    record(claim.name, result);
+  }
 
-  std::size_t left = result.count(FinderFileResult::Status::pending);
+  std::size_t left = result.count(FileStatus::pending);
   if (left > 0) {
     // Stopped: back to the queue, in a state the next instance resumes from.
     if (::rename(claimed.c_str(), paths::join(requests_, claim.name).c_str()) != 0) {
@@ -194,11 +216,23 @@ void FinderRequestQueue::handle(Claim& claim) {
     return;
   }
   if (::unlink(claimed.c_str()) != 0) log(Level::error, "Cannot remove " + describe(claimed, errno));
+  std::string counts = std::to_string(result.count(FileStatus::converted)) + " converted, " +
+                       std::to_string(result.count(FileStatus::failed)) + " failed";
+  // A cancel that came as the last file ended cancelled nothing.
+  if (std::size_t stopped = result.count(FileStatus::cancelled))
+    counts += ", " + std::to_string(stopped) + " cancelled";
   log(Level::info, "Handled request " + claim.name + ": " + std::to_string(result.files.size()) +
-                       " file(s) \xE2\x86\x92 " + result.targetFormatId + ", " +
-                       std::to_string(result.count(FinderFileResult::Status::converted)) + " converted, " +
-                       std::to_string(result.count(FinderFileResult::Status::failed)) + " failed");
+                       " file(s) \xE2\x86\x92 " + result.targetFormatId + ", " + counts);
   if (options_.finished) options_.finished(claim.name, result);
+}
+
+bool FinderRequestQueue::cancel(const std::string& requestName) {
+  std::lock_guard lock(underWayMutex_);
+  if (underWay_.empty() || underWay_ != requestName) return false;
+  cancelled_ = true;
+  interrupt_.store(true);
+  log(Level::info, "Cancelling request " + requestName);
+  return true;
 }
 
 // What an earlier instance already did for this request, when it was returned
@@ -221,10 +255,14 @@ FinderConversionResult FinderRequestQueue::priorResult(const std::string& name,
   return result;
 }
 
-Status FinderRequestQueue::writeResult(const std::string& name, const FinderConversionResult& result) {
+// The one place the result document is written; the progress callback sees
+// each version written.
+void FinderRequestQueue::record(const std::string& name, const FinderConversionResult& result) {
   auto bytes = result.encode();
-  if (!bytes.ok()) return Error{bytes.error()};
-  return currentPlatform().writeFileAtomically(paths::join(results_, name), *bytes);
+  Status written = bytes.ok() ? currentPlatform().writeFileAtomically(paths::join(results_, name), *bytes)
+                              : Status(Error{bytes.error()});
+  if (!written.ok()) log(Level::error, "Cannot write result: " + written.error());
+  if (options_.progress) options_.progress(name, result);
 }
 
 void FinderRequestQueue::convertFiles(const std::string& name, const FinderConversionRequest& request,
@@ -234,9 +272,11 @@ void FinderRequestQueue::convertFiles(const std::string& name, const FinderConve
     if (result.files[i].status == FinderFileResult::Status::pending) todo.push_back(i);
   }
   std::mutex mutex;
-  // Recorded after every file, so that a killed instance's successor redoes
-  // only the files that had no outcome yet.
-  auto record = [&](std::size_t index, FinderFileResult outcome) {
+  // Recorded before the first file, so that the request's progress shows
+  // from its start, and after every file, so that a killed instance's
+  // successor redoes only the files that had no outcome yet.
+  record(name, result);
+  auto recordFile = [&](std::size_t index, FinderFileResult outcome) {
     outcome.path = request.files[index].path;
     // Every outcome must read back: a converter's empty answer is a failure.
     if (outcome.status == FinderFileResult::Status::converted && outcome.outputPath.empty()) {
@@ -250,24 +290,22 @@ void FinderRequestQueue::convertFiles(const std::string& name, const FinderConve
     }
     std::lock_guard lock(mutex);
     result.files[index] = std::move(outcome);
-    if (auto written = writeResult(name, result); !written.ok()) {
-      log(Level::error, "Cannot write result: " + written.error());
-    }
+    record(name, result);
   };
   std::atomic<std::size_t> next{0};
   auto work = [&] {
-    while (!stopRequested()) {
+    while (!interrupt_.load()) {
       std::size_t k = next.fetch_add(1);
       if (k >= todo.size()) return;
       std::size_t index = todo[k];
       FinderFileTask task{name, index, request.files[index], request.targetFormatId};
       FinderFileResult outcome;
       try {
-        outcome = options_.convert(task, stopping_);
+        outcome = options_.convert(task, interrupt_);
       } catch (const std::exception& e) {
         outcome = {{}, FinderFileResult::Status::failed, {}, e.what()};
       }
-      if (outcome.status != FinderFileResult::Status::pending) record(index, std::move(outcome));
+      if (outcome.status != FinderFileResult::Status::pending) recordFile(index, std::move(outcome));
     }
   };
   std::vector<std::thread> helpers;
@@ -281,12 +319,6 @@ void FinderRequestQueue::convertFiles(const std::string& name, const FinderConve
   }
   work();
   for (auto& helper : helpers) helper.join();
-  // Also for a request with nothing left to do (empty, or resumed complete).
-  if (todo.empty()) {
-    if (auto written = writeResult(name, result); !written.ok()) {
-      log(Level::error, "Cannot write result: " + written.error());
-    }
-  }
 }
 
 }  // namespace palvin

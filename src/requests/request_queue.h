@@ -19,12 +19,15 @@
 // requestStop() (SIGTERM) lets files under way finish (or cancel, as the
 // converter decides), starts no new ones, and puts an unfinished request back
 // into requests/; its result document keeps what was done, so the next
-// instance converts only the files left.
+// instance converts only the files left. cancel() (the user's Cancel) stops
+// the request under way the same way, but ends it: the files left are
+// recorded as cancelled.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
@@ -57,11 +60,15 @@ class FinderRequestQueue {
   using Logger = std::function<void(FinderLog::Level level, const std::string& message)>;
   // Called once a request has been handled in full, with its result.
   using Finished = std::function<void(const std::string& requestName, const FinderConversionResult& result)>;
+  // Called when a request's files are about to start and after each file's
+  // outcome, with the result so far, under the queue's lock: keep it short.
+  using Progress = Finished;
 
   struct Options {
     Converter convert;
     Logger log;
     Finished finished{};
+    Progress progress{};
     unsigned parallelism = 1;
   };
 
@@ -81,8 +88,17 @@ class FinderRequestQueue {
   std::size_t processPending();
 
   // Any thread, async-signal-safe: stop claiming and return unfinished work.
-  void requestStop() { stopping_.store(true); }
+  void requestStop() {
+    stopping_.store(true);
+    interrupt_.store(true);
+  }
   bool stopRequested() const { return stopping_.load(); }
+
+  // Any thread: when `requestName` is the request under way, interrupts its
+  // files under way (the converter's `stopping`), starts none of the rest,
+  // and ends the request with every file left recorded as cancelled. False
+  // when that request is not under way.
+  bool cancel(const std::string& requestName);
 
  private:
   struct Claim;
@@ -93,7 +109,7 @@ class FinderRequestQueue {
   void convertFiles(const std::string& name, const FinderConversionRequest& request,
                     FinderConversionResult& result);
   FinderConversionResult priorResult(const std::string& name, const FinderConversionRequest& request);
-  Status writeResult(const std::string& name, const FinderConversionResult& result);
+  void record(const std::string& name, const FinderConversionResult& result);
   void log(FinderLog::Level level, const std::string& message) const;
 
   std::string requests_;
@@ -102,6 +118,11 @@ class FinderRequestQueue {
   std::string results_;
   Options options_;
   std::atomic<bool> stopping_{false};
+  // What converters see: set by a stop, or by a cancel of the request under way.
+  std::atomic<bool> interrupt_{false};
+  std::mutex underWayMutex_;
+  std::string underWay_;  // the request being converted, empty between requests
+  bool cancelled_ = false;
 };
 
 }  // namespace palvin

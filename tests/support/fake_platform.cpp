@@ -157,8 +157,8 @@ std::optional<bool> FakePlatform::isDirectory(const std::string& path) {
 
 void FakePlatform::setMonitoredDirectories(const std::vector<std::string>& paths) {
   std::lock_guard lock(mutex_);
-  monitored_.push_back(paths);
-  events_.push_back("monitor " + std::to_string(paths.size()));
+  events_.push_back("monitor");
+  for (const auto& path : paths) events_.back() += " " + path;
 }
 
 VolumeObservation FakePlatform::observeVolumeChanges(std::function<void()> handler) {

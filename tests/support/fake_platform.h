@@ -60,10 +60,9 @@ class FakePlatform : public Platform {
 
   // --- What happened -----------------------------------------------------
   std::vector<Launch> launches() const { return locked(launches_); }
-  std::vector<std::vector<std::string>> monitoredHistory() const { return locked(monitored_); }
   std::vector<UnifiedEntry> unifiedEntries() const { return locked(unified_); }
   // Outward effects in order: "write <path>", "notify <name>", "open <path>",
-  // "log <message>" (entries the unified log records), "monitor <count>",
+  // "log <message>" (entries the unified log records), "monitor <path> <path>...",
   // "observe volumes".
   std::vector<std::string> events() const { return locked(events_); }
   int fileReads() const { return locked(reads_); }
@@ -108,7 +107,6 @@ class FakePlatform : public Platform {
   mutable std::mutex mutex_;
   std::map<std::string, File> files_;
   std::vector<Launch> launches_;
-  std::vector<std::vector<std::string>> monitored_;
   std::vector<UnifiedEntry> unified_;
   std::vector<std::string> events_;
   std::map<VolumeObservation, std::function<void()>> volumeHandlers_;

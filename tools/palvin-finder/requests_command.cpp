@@ -92,15 +92,23 @@ bool printRequest(const Style& style, const std::string& directory, const Reques
   return true;
 }
 
-// False when the file does not hold a valid result document.
-bool printResult(const Style& style, const std::string& directory, const RequestFile& file) {
+// False when the file does not hold a valid result document. `underWay`: its
+// request is claimed (in requests/processing/), so the counts are progress.
+bool printResult(const Style& style, const std::string& directory, const RequestFile& file, bool underWay) {
   auto result = printHeading<FinderConversionResult>(style, directory, file);
   if (!result) return false;
   using Status = FinderFileResult::Status;
-  std::cout << "  to " << style.cyan(json::toValidUtf8(result->targetFormatId)) << ": "
-            << result->count(Status::converted) << " converted, " << result->count(Status::failed)
+  const std::size_t pending = result->count(Status::pending), cancelled = result->count(Status::cancelled);
+  std::cout << "  to " << style.cyan(json::toValidUtf8(result->targetFormatId)) << ": ";
+  if (underWay && pending > 0) {
+    std::cout << style.bold("under way, " + std::to_string(result->files.size() - pending) + " of " +
+                            std::to_string(result->files.size()) + " file(s) done")
+              << "; ";
+  }
+  std::cout << result->count(Status::converted) << " converted, " << result->count(Status::failed)
             << " failed";
-  if (std::size_t pending = result->count(Status::pending)) std::cout << ", " << pending << " pending";
+  if (cancelled > 0) std::cout << ", " << cancelled << " cancelled";
+  if (pending > 0) std::cout << ", " << pending << " pending";
   std::cout << '\n';
   for (const auto& entry : result->files) {
     std::cout << "    " << json::toValidUtf8(entry.path) << "  ";
@@ -114,6 +122,9 @@ bool printResult(const Style& style, const std::string& directory, const Request
       case Status::pending:
         std::cout << style.dim("pending");
         break;
+      case Status::cancelled:
+        std::cout << style.dim("cancelled");
+        break;
     }
     std::cout << '\n';
   }
@@ -126,8 +137,13 @@ bool printResults(const Style& style, const std::string& container) {
   auto files = listRequestFiles(directory);
   if (!files.ok() || files->empty()) return true;
   std::cout << files->size() << " result document(s) in " << directory << ", oldest first:\n";
+  const std::string claimed = paths::join(requestDirectory(container), kProcessingDirectoryName);
   bool valid = true;
-  for (const auto& file : *files) valid = printResult(style, directory, file) && valid;
+  for (const auto& file : *files) {
+    std::error_code ignored;
+    bool underWay = std::filesystem::exists(paths::join(claimed, file.name), ignored);
+    valid = printResult(style, directory, file, underWay) && valid;
+  }
   return valid;
 }
 
@@ -201,7 +217,7 @@ void addRequestsCommand(CommandLine commandLine) {
       "oldest first, each with its modification time (UTC) and its decoded request: the target\n"
       "format and every file's path and source format, or why it can't be decoded. Then the host\n"
       "app's result documents (\"results/<request>\"), when there are any: every file's outcome,\n"
-      "its output path or why it failed.");
+      "its output path or why it failed, and how far a request under way has got.");
   addContainerOption(*command, options->container);
   auto* watch = command->add_flag("--watch", options->watch,
                                   "then print each new request as it arrives, until interrupted (Ctrl-C)");

@@ -59,11 +59,13 @@ using Progress = std::function<void(double fraction)>;
 
 // Engines: each writes the converted `source` to `output`, an existing empty
 // file, or says why it can't. `stopping` asks a long conversion to give up.
-Status convertImage(const std::string& source, const Format& target, const std::string& output);
+Status convertImage(const std::string& source, const Format& target, const std::string& output,
+                    const std::atomic<bool>& stopping);
 Status convertMedia(const std::string& ffmpeg, const std::string& source, const Format& sourceFormat,
                     const Format& target, const std::string& output, const std::atomic<bool>& stopping,
                     const Progress& progress);
-Status extractPdfText(const std::string& source, const std::string& output);
+Status extractPdfText(const std::string& source, const std::string& output,
+                      const std::atomic<bool>& stopping);
 
 // Sets libvips' limits for untrusted files: only the loaders of the table,
 // no operation cache. Call once at start.

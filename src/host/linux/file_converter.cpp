@@ -63,12 +63,13 @@ Status FileConverter::convert(const Conversion& conversion, const FinderFileTask
   const Format& target = *table_.format(conversion.target);
   switch (conversion.engine) {
     case Engine::libvips:
-      return convertImage(task.file.path, target, temporary);
+      return convertImage(task.file.path, target, temporary, stopping);
     case Engine::poppler:
-      return extractPdfText(task.file.path, temporary);
+      return extractPdfText(task.file.path, temporary, stopping);
     case Engine::ffmpeg: {
       int reported = 0;
       auto progress = [&](double fraction) {
+        if (progress_) progress_(task, fraction);
         int quarter = static_cast<int>(std::floor(fraction * 4));
         if (quarter <= reported || quarter >= 4) return;
         reported = quarter;

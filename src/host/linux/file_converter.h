@@ -16,9 +16,11 @@ namespace palvin::host {
 class FileConverter {
  public:
   using Logger = std::function<void(FinderLog::Level, const std::string&)>;
+  // How far a file under way is, 0 to 1, where its engine can tell (ffmpeg).
+  using FileProgress = std::function<void(const FinderFileTask& task, double fraction)>;
 
-  FileConverter(const ConverterTable& table, std::string ffmpeg, Logger log)
-      : table_(table), ffmpeg_(std::move(ffmpeg)), log_(std::move(log)) {}
+  FileConverter(const ConverterTable& table, std::string ffmpeg, Logger log, FileProgress progress = {})
+      : table_(table), ffmpeg_(std::move(ffmpeg)), log_(std::move(log)), progress_(std::move(progress)) {}
 
   // Never throws. `converted` with the output path, `failed` with the reason,
   // `pending` when `stopping` interrupted it.
@@ -31,6 +33,7 @@ class FileConverter {
   const ConverterTable& table_;
   std::string ffmpeg_;
   Logger log_;
+  FileProgress progress_;
 };
 
 }  // namespace palvin::host

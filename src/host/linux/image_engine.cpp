@@ -45,6 +45,12 @@ vips::VImage toSaveable(vips::VImage image, std::string_view target) {
   return image;
 }
 
+// libvips calls this as it computes the image being saved; a kill there makes
+// the save fail at its next tile.
+void stopWhenAsked(VipsImage* image, VipsProgress*, void* stopping) {
+  if (static_cast<const std::atomic<bool>*>(stopping)->load()) vips_image_set_kill(image, TRUE);
+}
+
 }  // namespace
 
 void limitImageDecoders() {
@@ -59,7 +65,8 @@ void limitImageDecoders() {
   vips_cache_set_max(0);
 }
 
-Status convertImage(const std::string& source, const Format& target, const std::string& output) {
+Status convertImage(const std::string& source, const Format& target, const std::string& output,
+                    const std::atomic<bool>& stopping) {
   int fd = ::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return Error{std::generic_category().message(errno)};
   struct stat info {};
@@ -81,7 +88,8 @@ Status convertImage(const std::string& source, const Format& target, const std::
     }
     auto options =
         vips::VImage::option()->set("access", VIPS_ACCESS_SEQUENTIAL)->set("fail_on", VIPS_FAIL_ON_ERROR);
-    if (std::string_view(loader) == "pdfload_source") options->set("dpi", kPdfDpi);
+    // The loader's type name: "VipsForeignLoadPdfSource" with poppler.
+    if (std::string_view(loader).starts_with("VipsForeignLoadPdf")) options->set("dpi", kPdfDpi);
     vips::VImage image = vips::VImage::new_from_source(input, "", options);
     double pixels = static_cast<double>(image.width()) * image.height();
     if (pixels > kMaxPixels) {
@@ -89,6 +97,9 @@ Status convertImage(const std::string& source, const Format& target, const std::
                    std::to_string(image.height()) + " pixels (the limit is 100 megapixels)"};
     }
     image = toSaveable(image, target.id);
+    vips_image_set_progress(image.get_image(), TRUE);
+    g_signal_connect(image.get_image(), "eval", G_CALLBACK(stopWhenAsked),
+                     const_cast<std::atomic<bool>*>(&stopping));
     const char* path = output.c_str();
     if (target.id == "webp") {
       image.webpsave(path, vips::VImage::option()->set("Q", 80));

@@ -12,7 +12,8 @@
 //   image_engine.cpp    libvips; media_engine.cpp ffmpeg; pdf_engine.cpp poppler
 //   request_watch.*     --watch: inotify and the notification FIFO
 //   host_log.*          host-app.log
-//   desktop_notification.*  libnotify
+//   conversion_notices.*    what the desktop is told: set-up, progress with Cancel, outcomes
+//   desktop_notification.*  org.freedesktop.Notifications over GDBus
 //
 // Without --watch it handles what is waiting and exits once nothing is left;
 // with it, it keeps running and wakes when a request lands. SIGTERM or SIGINT
@@ -27,14 +28,16 @@
 #include <atomic>
 #include <cstdlib>
 #include <iostream>
+#include <optional>
 #include <thread>
 #include <vips/vips8>
 
 #include "catalogue/capabilities.h"
 #include "catalogue/capability_store.h"
+#include "conversion_notices.h"
 #include "converters.h"
-#include "desktop_notification.h"
 #include "file_converter.h"
+#include "finder/finder_sync.h"
 #include "host_log.h"
 #include "platform/linux_platform.h"
 #include "request_watch.h"
@@ -55,7 +58,8 @@ constexpr const char* kUsage =
     "\n"
     "  --watch     keep running: wake on new requests (inotify and the notification FIFO)\n"
     "              until SIGTERM or SIGINT, which finish or return the work under way\n"
-    "  --activate  print what the shared container holds (the menu's \"open to set up\")\n"
+    "  --activate  the menu's \"open to set up\": say on the desktop whether PalvinHost is\n"
+    "              ready or what to do, and print what the shared container holds\n"
     "\n"
     "The shared container is $PALVIN_SHARED_CONTAINER (absolute), else $XDG_DATA_HOME/<app group>,\n"
     "else ~/.local/share/<app group>. Audio and video need the ffmpeg program in $PATH.\n";
@@ -98,18 +102,21 @@ std::string buildTime() {
 // this host app would write now: the host app owns the document, and only its
 // own table says what it can do (which changes with the build and with
 // ffmpeg being installed or removed). An equal document is left alone, so the
-// extension's cache, keyed by modification date, stays valid.
-void installCatalogue(Platform& platform, const HostLog& log, const ConverterTable& table,
-                      const std::string& container) {
-  std::string ours = table.catalogue(buildTime()).encode(/*pretty=*/true) + "\n";
+// extension's cache, keyed by modification date, stays valid. Yields the
+// number of formats it offers, or why it could not be installed.
+Result<std::size_t> installCatalogue(Platform& platform, const HostLog& log, const ConverterTable& table,
+                                     const std::string& container) {
+  const FinderCapabilities catalogue = table.catalogue(buildTime());
+  std::string ours = catalogue.encode(/*pretty=*/true) + "\n";
   std::string installed = paths::join(container, CapabilityStore::kFileName);
   auto theirs = platform.readFile(installed);
-  if (theirs.ok() && *theirs == ours) return;
-  if (auto written = platform.writeFileAtomically(installed, ours); written.ok()) {
-    log.log(Level::info, "Installed " + installed);
-  } else {
+  if (theirs.ok() && *theirs == ours) return catalogue.formats.size();
+  if (auto written = platform.writeFileAtomically(installed, ours); !written.ok()) {
     log.log(Level::error, "Cannot install capabilities: " + written.error());
+    return Error{"Cannot install the catalogue: " + written.error()};
   }
+  log.log(Level::info, "Installed " + installed);
+  return catalogue.formats.size();
 }
 
 void describeContainer(Platform& platform, const std::string& container, const FinderRequestQueue& queue) {
@@ -198,22 +205,43 @@ int main(int argc, char** argv) {
   // PALVIN_SHARED_CONTAINER, in which the extension passes the one it uses.
   LinuxPlatform platform;
   ScopedPlatform installed(platform);
+  // Lines go to standard error until the container, and with it the log, is known.
+  std::optional<HostLog> log;
+  auto logger = [&log](FinderLog::Level level, const std::string& message) {
+    if (log) {
+      log->log(level, message);
+    } else {
+      std::cerr << "PalvinHost: " << message << '\n';
+    }
+  };
+  const std::string ffmpeg = findProgram("ffmpeg");
+  const ConverterTable table(!ffmpeg.empty());
+  ConversionNotices notices(table, logger);
+  // Set-up that can't go on is told where the user looks, whether they
+  // picked "open to set up" or a conversion: on the desktop.
+  auto fail = [&](const std::string& what, const std::string& todo) {
+    std::cerr << "PalvinHost: " << what << '\n';
+    notices.problem(what, todo, log ? log->path() : "");
+    return 1;
+  };
   auto container = platform.containerPath(ids::kAppGroupIdentifier);
   if (!container) {
-    std::cerr << "PalvinHost: no shared container (set PALVIN_SHARED_CONTAINER, XDG_DATA_HOME or HOME)\n";
-    return 1;
+    return fail(
+        "No shared container: HOME is not set, and neither PALVIN_SHARED_CONTAINER nor XDG_DATA_HOME "
+        "is an absolute path.",
+        "Start PalvinHost from your desktop session, or set PALVIN_SHARED_CONTAINER to an absolute path.");
   }
+  const std::string fixIt = "Make sure that PalvinHost can write in " + *container +
+                            ", then choose \xE2\x80\x9C" + std::string(FinderSync::kFallbackTitle) +
+                            "\xE2\x80\x9D again.";
   if (auto created = platform.createDirectories(*container); !created.ok()) {
-    std::cerr << "PalvinHost: " << created.error() << '\n';
-    return 1;
+    return fail("Cannot set up the shared container: " + created.error(), fixIt);
   }
-  HostLog log(platform, paths::join(*container, kHostLogName));
-  auto logger = [&log](FinderLog::Level level, const std::string& message) { log.log(level, message); };
-
-  const std::string ffmpeg = findProgram("ffmpeg");
-  if (ffmpeg.empty()) log.log(Level::warn, "ffmpeg not found in PATH: audio and video are not offered");
-  const ConverterTable table(!ffmpeg.empty());
-  FileConverter converter(table, ffmpeg, logger);
+  log.emplace(platform, paths::join(*container, kHostLogName));
+  if (ffmpeg.empty()) log->log(Level::warn, "ffmpeg not found in PATH: audio and video are not offered");
+  FileConverter converter(table, ffmpeg, logger, [&notices](const FinderFileTask& task, double fraction) {
+    notices.fileProgress(task, fraction);
+  });
 
   FinderRequestQueue::Options queueOptions;
   queueOptions.convert = [&converter](const FinderFileTask& task, const std::atomic<bool>& stopping) {
@@ -221,34 +249,34 @@ int main(int argc, char** argv) {
   };
   queueOptions.log = logger;
   queueOptions.parallelism = std::max(1u, std::thread::hardware_concurrency());
-  queueOptions.finished = [&](const std::string& name, const FinderConversionResult& result) {
-    const Format* target = table.format(result.targetFormatId);
-    if (target == nullptr || result.files.empty()) return;
-    std::string body;
-    for (const auto& file : result.files) {
-      if (file.status == FinderFileResult::Status::failed) {
-        body += std::string(paths::lastComponent(file.path)) + ": " + file.error + "\n";
-      }
-    }
-    std::string summary = notificationSummary(result, target->displayName);
-    if (auto problem = notifyDesktop(summary, body))
-      log.log(Level::warn, "Notification not shown: " + *problem);
-    log.log(Level::debug, "Request " + name + " done: " + summary);
+  queueOptions.progress = [&notices](const std::string& name, const FinderConversionResult& result) {
+    notices.progress(name, result);
+  };
+  queueOptions.finished = [&notices](const std::string& name, const FinderConversionResult& result) {
+    notices.finished(name, result);
   };
   FinderRequestQueue queue(*container, queueOptions);
   if (auto prepared = queue.prepare(); !prepared.ok()) {
-    std::cerr << "PalvinHost: " << prepared.error() << '\n';
-    return 1;
+    return fail("Cannot set up the shared container: " + prepared.error(), fixIt);
   }
-  installCatalogue(platform, log, table, *container);
-  if (activate) describeContainer(platform, *container, queue);
+  auto catalogue = installCatalogue(platform, *log, table, *container);
+  if (activate) {
+    describeContainer(platform, *container, queue);
+    if (catalogue.ok()) {
+      notices.ready(*catalogue, !ffmpeg.empty(), log->path());
+    } else {
+      notices.problem(catalogue.error(), fixIt, log->path());
+    }
+  }
 
+  notices.setQueue(&queue);
   runningQueue = &queue;
   handleStopSignals();
-  run(queue, log, watch, *container);
+  run(queue, *log, watch, *container);
   runningQueue = nullptr;
+  notices.setQueue(nullptr);
   while (handlersRunning.load() != 0) std::this_thread::yield();
-  if (queue.stopRequested()) log.log(Level::info, "Stopped");
+  if (queue.stopRequested()) log->log(Level::info, "Stopped");
   vips_shutdown();
   return 0;
 }

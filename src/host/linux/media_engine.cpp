@@ -12,7 +12,6 @@
 
 #include <cerrno>
 #include <charconv>
-#include <chrono>
 #include <system_error>
 
 #include "converters.h"
@@ -173,15 +172,12 @@ Status convertMedia(const std::string& ffmpeg, const std::string& source, const 
 
   FfmpegOutput read;
   bool cancelled = false;
-  std::chrono::steady_clock::time_point cancelledAt;
   char buffer[4096];
   while (child.out_ >= 0 || child.err_ >= 0) {
     if (stopping.load() && !cancelled) {
-      ::kill(child.pid_, SIGTERM);  // ffmpeg stops cleanly; the caller drops the output
-      cancelled = true;
-      cancelledAt = std::chrono::steady_clock::now();
-    } else if (cancelled && std::chrono::steady_clock::now() - cancelledAt > std::chrono::seconds(5)) {
+      // The caller drops the output, so there is nothing for ffmpeg to finish.
       ::kill(child.pid_, SIGKILL);
+      cancelled = true;
     }
     pollfd fds[2] = {{child.out_, POLLIN, 0}, {child.err_, POLLIN, 0}};
     if (::poll(fds, 2, 200) < 0 && errno != EINTR) break;

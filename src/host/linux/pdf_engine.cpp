@@ -1,5 +1,6 @@
-// PDF to text with poppler's C++ API: every page in reading order, pages
-// separated by a form feed as pdftotext does.
+// PDF to text with poppler's C++ API: every page in reading order, as
+// pdftotext writes it by default. Poppler's text of a page already ends in
+// the form feed that separates it from the next.
 #include <fcntl.h>
 #include <poppler-document.h>
 #include <poppler-global.h>
@@ -33,7 +34,8 @@ Status writeAll(int fd, std::string_view bytes) {
 
 }  // namespace
 
-Status extractPdfText(const std::string& source, const std::string& output) {
+Status extractPdfText(const std::string& source, const std::string& output,
+                      const std::atomic<bool>& stopping) {
   static std::once_flag quiet;
   // Poppler reports damage on standard error; the result says it instead.
   std::call_once(quiet, [] { poppler::set_debug_error_function([](const std::string&, void*) {}, nullptr); });
@@ -67,11 +69,16 @@ Status extractPdfText(const std::string& source, const std::string& output) {
   if (out < 0) return Error{std::generic_category().message(errno)};
   Status written = success();
   for (int i = 0; i < document->pages() && written.ok(); ++i) {
+    if (stopping.load()) {
+      written = Error{"stopped"};
+      break;
+    }
     std::unique_ptr<poppler::page> page(document->create_page(i));
-    if (!page) continue;
-    poppler::byte_array text = page->text(poppler::rectf(), poppler::page::physical_layout).to_utf8();
+    // A page poppler can't read still gets its form feed, so page numbers hold.
+    poppler::byte_array text;
+    if (page) text = page->text(poppler::rectf(), poppler::page::non_raw_non_physical_layout).to_utf8();
     std::string chunk(text.begin(), text.end());
-    if (i + 1 < document->pages()) chunk.push_back('\f');
+    if (chunk.empty() || chunk.back() != '\f') chunk.push_back('\f');
     written = writeAll(out, chunk);
   }
   if (::close(out) != 0 && written.ok()) written = Error{std::generic_category().message(errno)};
