@@ -53,7 +53,7 @@ class Failed(Exception):
 def tool(name):
     path = shutil.which(name) or (str(LLVM / name) if (LLVM / name).exists() else None)
     if path is None:
-        print(f"{name} not found: the Apple build is not checked (scripts/deps.sh installs it)")
+        print(f"{name} not found: the Apple build is not checked (scripts/deps.sh --tests installs it)")
         sys.exit(77)
     return path
 

@@ -51,7 +51,7 @@ try:
 except ImportError:
     if os.path.realpath(sys.executable) != os.path.realpath(SYSTEM_PYTHON) and os.path.exists(SYSTEM_PYTHON):
         os.execv(SYSTEM_PYTHON, [SYSTEM_PYTHON] + sys.argv)
-    print("SKIPPED: python3-pyatspi is not installed (scripts/deps.sh installs it)", file=sys.stderr)
+    print("SKIPPED: python3-pyatspi is not installed (scripts/deps.sh --tests installs it)", file=sys.stderr)
     sys.exit(77)
 
 FALLBACK = "Convert with Palvin \u2014 open to set up"
@@ -210,10 +210,10 @@ class Session:
         for program in ["Xvfb", "dbus-daemon", "xdotool", "import", "convert", "unshare", "pkg-config",
                         row.command[0]]:
             if shutil.which(program) is None:
-                raise Skipped(f"{program} is not installed (scripts/deps.sh installs it)")
+                raise Skipped(f"{program} is not installed (scripts/deps.sh --tests installs it)")
         self.launcher = "/usr/libexec/at-spi-bus-launcher"
         if not os.access(self.launcher, os.X_OK):
-            raise Skipped("at-spi-bus-launcher is not installed (at-spi2-core; scripts/deps.sh installs it)")
+            raise Skipped("at-spi-bus-launcher is not installed (at-spi2-core; scripts/deps.sh --tests installs it)")
         appex = os.path.join(self.build, "PalvinHost.app/Contents/PlugIns/PalvinFinder.appex")
         self.module = os.path.join(appex, f"libpalvin-{row.name}.so")
         self.host = os.path.join(self.build, "PalvinHost.app/AppRun")

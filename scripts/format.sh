@@ -4,7 +4,7 @@
 # the documentation it was written from, so it is left out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-command -v clang-format >/dev/null || bash scripts/deps.sh
+command -v clang-format >/dev/null || bash scripts/deps.sh --tests
 mapfile -t files < <(git ls-files -- '*.c' '*.cc' '*.cpp' '*.h' '*.hpp' '*.mm' ':!:.ci/apple-sdk/**')
 if [ "${1:-}" = "--fix" ]; then
   clang-format -i "${files[@]}"

@@ -11,7 +11,7 @@ seconds="${FUZZ_SECONDS:-60}"
 all_targets="capabilities-decode-fuzz capabilities-roundtrip-fuzz capabilities-plan-fuzz request-decode-fuzz request-roundtrip-fuzz result-decode-fuzz"
 read -r -a targets <<<"${FUZZ_TARGETS:-$all_targets}"
 
-bash scripts/deps.sh
+bash scripts/deps.sh --tests
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$(nproc)" --target "${targets[@]}"
 

@@ -36,7 +36,7 @@ skip() {
 }
 
 for program in Xvfb dbus-daemon nautilus xdotool import convert unshare pkg-config python3; do
-  command -v "$program" >/dev/null || skip "$program is not installed (scripts/deps.sh installs it)"
+  command -v "$program" >/dev/null || skip "$program is not installed (scripts/deps.sh --tests installs it)"
 done
 [ -f "$module" ] || skip "the module was not built ($module)"
 # A module built with a sanitizer needs its runtime loaded first, which Nautilus is not.

@@ -6,7 +6,9 @@
 # The version is CMake's project(VERSION): debian/changelog is written here.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/deps.sh
+# The package holds every file manager's module, so it builds with all their
+# libraries, and with debhelper and lintian (the --tests list).
+bash scripts/deps.sh --tests
 out="$PWD/build/package"
 version="$(sed -nE 's/^project\(PalvinFinder VERSION ([^ )]+).*/\1/p' CMakeLists.txt)"
 [ -n "$version" ] || { echo "package.sh: no project(PalvinFinder VERSION ...) in CMakeLists.txt" >&2; exit 1; }

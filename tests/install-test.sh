@@ -20,15 +20,17 @@ appex="$app/Contents/PlugIns/PalvinFinder.appex"
 # Links are relative, so they resolve inside DESTDIR as they will once installed.
 [ "$(readlink -f "$dest$prefix/bin/palvin-finder")" = "$appex/palvin-finder" ] || fail "bin/palvin-finder"
 # Each file manager's extension directory links to its module in the appex,
-# which exports only that file manager's three entry points.
+# which exports only that file manager's entry points: three for a GTK-family
+# module, Qt's two for the Dolphin plugin.
 for link in "$@"; do
   module="$(basename "$link")"
   [ "$(readlink -f "$dest$link")" = "$appex/$module" ] || fail "$dest$link does not lead into the appex"
   name="${module#libpalvin-}" && name="${name%.so}"
   entry="${name}_module" && [ "$name" = thunar ] && entry=thunar_extension
+  expected="${entry}_initialize ${entry}_list_types ${entry}_shutdown "
+  [ "$module" = palvin-dolphin.so ] && expected="qt_plugin_instance qt_plugin_query_metadata "
   exports="$(nm -D --defined-only "$dest$link" | awk '{print $3}' | sort | tr '\n' ' ')"
-  [ "$exports" = "${entry}_initialize ${entry}_list_types ${entry}_shutdown " ] ||
-    fail "$module exports $exports"
+  [ "$exports" = "$expected" ] || fail "$module exports $exports"
 done
 # The service and the desktop entry start the host app at this prefix, given
 # only at install time.
