@@ -1,6 +1,8 @@
 #include "requests/request_queue.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <simdjson.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +16,9 @@
 #include <thread>
 
 #include "platform/platform.h"
+#include "requests/output_file.h"
+#include "shared/json_reader.h"
+#include "shared/json_writer.h"
 #include "shared/paths.h"
 
 namespace palvin {
@@ -45,6 +50,80 @@ Result<std::string> readAll(int fd, const std::string& path) {
   }
 }
 
+// A reason is the converter's text: kept to about a kilobyte, and made valid
+// UTF-8 so that the document can always be written.
+std::string reasonText(std::string_view text) {
+  constexpr std::size_t kMaxReason = 1024;
+  std::string out;
+  for (std::size_t i = 0; i < text.size() && out.size() < kMaxReason;) {
+    auto c = static_cast<unsigned char>(text[i]);
+    std::size_t length = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
+    if (length <= text.size() - i && json::isValidUtf8(text.substr(i, length))) {
+      out.append(text.substr(i, length));
+      i += length;
+    } else {
+      out.push_back('?');
+      ++i;
+    }
+  }
+  if (out.size() < text.size() && out.size() >= kMaxReason) out += "\xE2\x80\xA6";
+  return out;
+}
+
+// One journal line: {"index":3,"status":"converted","text":"\/a\/b.webp"};
+// "text" is the output or the reason, and "publishing" lines add "identity".
+std::string journalLine(std::size_t index, std::string_view status, std::string_view text,
+                        std::string_view identity = {}) {
+  std::string line = "{\"index\":" + std::to_string(index) + ",\"status\":\"" + std::string(status) + "\"";
+  line += ",\"text\":";
+  if (!json::appendString(line, text, true)) json::appendString(line, reasonText(text), true);
+  if (!identity.empty()) {
+    line += ",\"identity\":";
+    json::appendString(line, identity);
+  }
+  return line + "}\n";
+}
+
+std::string identityOf(const std::string& path) {
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
+  return std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
+}
+
+// Applies a journal's lines to `result`. An output announced but not
+// recorded is the file's when it is there under that name with that
+// identity (the run was killed after publishing it); else the file is
+// still to do. A torn last line (killed while writing it) is ignored.
+void applyJournal(std::string_view bytes, FinderConversionResult& result) {
+  using FileStatus = FinderFileResult::Status;
+  std::vector<std::pair<std::size_t, std::string>> announced;
+  simdjson::dom::parser parser;
+  for (std::size_t end; (end = bytes.find('\n')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
+    simdjson::dom::object line;
+    std::uint64_t index = 0;
+    std::string_view status, text, identity;
+    if (parser.parse(bytes.substr(0, end).data(), end).get(line) != simdjson::SUCCESS ||
+        line["index"].get(index) != simdjson::SUCCESS || line["status"].get(status) != simdjson::SUCCESS ||
+        line["text"].get(text) != simdjson::SUCCESS || index >= result.files.size()) {
+      continue;
+    }
+    FinderFileResult& file = result.files[index];
+    if (status == "publishing" && line["identity"].get(identity) == simdjson::SUCCESS) {
+      if (identityOf(std::string(text)) == identity) announced.emplace_back(index, text);
+    } else if (status == "converted") {
+      file = {file.path, FileStatus::converted, std::string(text), {}};
+    } else if (status == "failed") {
+      file = {file.path, FileStatus::failed, {}, std::string(text)};
+    } else if (status == "cancelled") {
+      file = {file.path, FileStatus::cancelled, {}, {}};
+    }
+  }
+  for (auto& [index, output] : announced) {
+    FinderFileResult& file = result.files[index];
+    if (file.status == FileStatus::pending) file = {file.path, FileStatus::converted, std::move(output), {}};
+  }
+}
+
 }  // namespace
 
 // A request this instance holds: the open, locked file and where it is now.
@@ -70,11 +149,73 @@ void FinderRequestQueue::log(Level level, const std::string& message) const {
   if (options_.log) options_.log(level, message);
 }
 
+FinderRequestQueue::~FinderRequestQueue() {
+  if (instances_ >= 0) ::close(instances_);
+}
+
 Status FinderRequestQueue::prepare() {
   for (const std::string* directory : {&processing_, &failed_, &results_}) {
     if (auto created = currentPlatform().createDirectories(*directory); !created.ok()) return created;
   }
+  // Every instance holds this lock shared while it lives; the one that finds
+  // itself alone clears what killed instances left, which no live one is
+  // still writing.
+  if (instances_ < 0) {
+    const std::string lock = paths::join(requests_, ".instances");
+    instances_ = ::open(lock.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0600);
+    if (instances_ < 0) return Error{describe(lock, errno)};
+    if (::flock(instances_, LOCK_EX | LOCK_NB) == 0) removeLeftovers();
+    while (::flock(instances_, LOCK_SH) != 0 && errno == EINTR) {
+    }
+  }
   return success();
+}
+
+std::string FinderRequestQueue::journalPath(const std::string& name) const {
+  // The stem keeps the name within NAME_MAX whatever the request's name.
+  return paths::join(processing_, stemOf(name) + ".journal");
+}
+
+// This queue's own leftovers, by their name and owner: the temporary files of
+// result documents whose writer was killed, and journals of requests that are
+// gone.
+void FinderRequestQueue::removeLeftovers() {
+  auto each = [](const std::string& directory, auto&& visit) {
+    if (DIR* dir = ::opendir(directory.c_str())) {
+      while (const dirent* entry = ::readdir(dir)) visit(std::string(entry->d_name));
+      ::closedir(dir);
+    }
+  };
+  auto removeOwn = [this](const std::string& path) {
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) return;
+    if (::unlink(path.c_str()) == 0)
+      log(Level::info, "Removed " + path + ", left by an instance that stopped");
+  };
+  each(results_, [&](const std::string& name) {
+    if (name.starts_with(".") && name.ends_with(".tmp")) removeOwn(paths::join(results_, name));
+  });
+  each(processing_, [&](const std::string& name) {
+    if (!name.ends_with(".journal")) return;
+    const std::string request = name.substr(0, name.size() - 8) + std::string(kRequestFileExtension);
+    struct stat info {};
+    if (::lstat(paths::join(processing_, request).c_str(), &info) != 0 &&
+        ::lstat(paths::join(requests_, request).c_str(), &info) != 0) {
+      removeOwn(paths::join(processing_, name));
+    }
+  });
+}
+
+bool FinderRequestQueue::journal(const std::string& line) {
+  std::lock_guard lock(journalMutex_);
+  std::string_view rest = line;
+  while (!rest.empty() && journal_ >= 0) {
+    ssize_t n = ::write(journal_, rest.data(), rest.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    rest.remove_prefix(static_cast<std::size_t>(n));
+  }
+  return rest.empty();
 }
 
 std::size_t FinderRequestQueue::processPending() {
@@ -180,6 +321,20 @@ void FinderRequestQueue::handle(Claim& claim) {
     return;
   }
   FinderConversionResult result = priorResult(claim.name, *request);
+  const std::string journalFile = journalPath(claim.name);
+  // What the journal held is in the document now: it starts afresh. A
+  // document that can't be written leaves the request for a later pass.
+  if (!record(claim.name, result)) {
+    (void)::rename(claimed.c_str(), paths::join(requests_, claim.name).c_str());
+    return;
+  }
+  journal_ =
+      ::open(journalFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (journal_ < 0) {
+    log(Level::error, "Cannot keep a journal: " + describe(journalFile, errno));
+    (void)::rename(claimed.c_str(), paths::join(requests_, claim.name).c_str());
+    return;
+  }
   {
     std::lock_guard lock(underWayMutex_);
     underWay_ = claim.name;
@@ -201,11 +356,15 @@ void FinderRequestQueue::handle(Claim& claim) {
     for (auto& file : result.files) {
       if (file.status == FileStatus::pending) file.status = FileStatus::cancelled;
     }
-    record(claim.name, result);
   }
+  const bool recorded = record(claim.name, result);
+  ::close(journal_);
+  journal_ = -1;
+  // The journal goes only once the document holds what it said.
+  if (recorded) ::unlink(journalFile.c_str());
 
   std::size_t left = result.count(FileStatus::pending);
-  if (left > 0) {
+  if (left > 0 || !recorded) {
     // Stopped: back to the queue, in a state the next instance resumes from.
     if (::rename(claimed.c_str(), paths::join(requests_, claim.name).c_str()) != 0) {
       log(Level::error, "Cannot return " + describe(claimed, errno));
@@ -241,26 +400,25 @@ FinderConversionResult FinderRequestQueue::priorResult(const std::string& name,
   for (const auto& file : request.files)
     result.files.push_back({file.path, FinderFileResult::Status::pending, {}, {}});
   auto bytes = currentPlatform().readFile(paths::join(results_, name));
-  if (!bytes.ok()) return result;
-  auto prior = FinderConversionResult::decode(*bytes);
-  if (!prior.ok() || prior->targetFormatId != result.targetFormatId ||
-      prior->files.size() != result.files.size()) {
-    return result;
+  auto prior = bytes.ok() ? FinderConversionResult::decode(*bytes) : Error{bytes.error()};
+  if (prior.ok() && prior->targetFormatId == result.targetFormatId &&
+      prior->files.size() == result.files.size()) {
+    for (std::size_t i = 0; i < result.files.size(); ++i) {
+      if (prior->files[i].path == result.files[i].path) result.files[i] = prior->files[i];
+    }
   }
-  for (std::size_t i = 0; i < result.files.size(); ++i) {
-    if (prior->files[i].path == result.files[i].path) result.files[i] = prior->files[i];
-  }
+  if (auto journal = currentPlatform().readFile(journalPath(name)); journal.ok())
+    applyJournal(*journal, result);
   return result;
 }
 
-// The one place the result document is written; the progress callback sees
-// each version written.
-void FinderRequestQueue::record(const std::string& name, const FinderConversionResult& result) {
+// The one place the result document is written.
+bool FinderRequestQueue::record(const std::string& name, const FinderConversionResult& result) {
   auto bytes = result.encode();
   Status written = bytes.ok() ? currentPlatform().writeFileAtomically(paths::join(results_, name), *bytes)
                               : Status(Error{bytes.error()});
   if (!written.ok()) log(Level::error, "Cannot write result: " + written.error());
-  if (options_.progress) options_.progress(name, result);
+  return written.ok();
 }
 
 void FinderRequestQueue::convertFiles(const std::string& name, const FinderConversionRequest& request,
@@ -270,10 +428,11 @@ void FinderRequestQueue::convertFiles(const std::string& name, const FinderConve
     if (result.files[i].status == FinderFileResult::Status::pending) todo.push_back(i);
   }
   std::mutex mutex;
-  // Recorded before the first file, so that the request's progress shows
-  // from its start, and after every file, so that a killed instance's
-  // successor redoes only the files that had no outcome yet.
-  record(name, result);
+  // The document is rewritten after every 1/32 of the files, so that the
+  // request's progress shows; the journal has every outcome meanwhile.
+  const std::size_t batch = std::max<std::size_t>(1, result.files.size() / 32);
+  std::size_t sinceRecorded = 0;
+  if (options_.progress) options_.progress(name, result);
   auto recordFile = [&](std::size_t index, FinderFileResult outcome) {
     outcome.path = request.files[index].path;
     // Every outcome must read back: a converter's empty answer is a failure.
@@ -282,13 +441,24 @@ void FinderRequestQueue::convertFiles(const std::string& name, const FinderConve
       outcome.path = request.files[index].path;
     }
     if (outcome.status == FinderFileResult::Status::failed && outcome.error.empty()) outcome.error = "failed";
+    outcome.error = reasonText(outcome.error);
     if (outcome.status == FinderFileResult::Status::failed) {
       log(Level::error,
           "Cannot convert " + outcome.path + " to " + request.targetFormatId + ": " + outcome.error);
     }
+    const bool failed = outcome.status == FinderFileResult::Status::failed;
+    if (!journal(
+            journalLine(index, statusName(outcome.status), failed ? outcome.error : outcome.outputPath))) {
+      log(Level::error,
+          "Cannot write to the journal of " + name + ": " + std::generic_category().message(errno));
+    }
     std::lock_guard lock(mutex);
     result.files[index] = std::move(outcome);
-    record(name, result);
+    if (++sinceRecorded >= batch) {
+      sinceRecorded = 0;
+      record(name, result);
+    }
+    if (options_.progress) options_.progress(name, result);
   };
   std::atomic<std::size_t> next{0};
   auto work = [&] {
@@ -297,6 +467,9 @@ void FinderRequestQueue::convertFiles(const std::string& name, const FinderConve
       if (k >= todo.size()) return;
       std::size_t index = todo[k];
       FinderFileTask task{name, index, request.files[index], request.targetFormatId};
+      task.announce = [this, index](const std::string& output, const std::string& identity) {
+        return journal(journalLine(index, "publishing", output, identity));
+      };
       FinderFileResult outcome;
       try {
         outcome = options_.convert(task, interrupt_);
