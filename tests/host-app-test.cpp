@@ -297,6 +297,63 @@ TEST(HostApp, KilledOrStoppedInstancesLoseNothing) {
             std::string::npos);
 }
 
+// Another user who can write in the source's folder swaps the names there
+// for links to the user's private file while the host app, stopped by its
+// test seam, has its output open; or the host app is killed right after
+// publishing an output. The private file stays untouched, the output is a
+// file of its own no wider than its 0600 source, and there is at most one. A
+// named scratch file that was swapped is dropped, not linked.
+TEST(HostApp, NoSwappedNameIsFollowedAndNoKillMakesASecondOutput) {
+  // clang-format off
+  const std::vector<std::tuple<std::string, bool, std::string>> rows = {  // seam, killed there (else names swapped), output
+      {"before-write", false, "x 2.webp"}, {"before-write,named-scratch", false, ""}, {"after-publish", true, "x.webp"}};
+  // clang-format on
+  for (const auto& [seam, killed, output] : rows) {
+    TempDir dir;
+    const std::string container = dir.file("container"), shared = dir.file("Shared");
+    const std::string secret = dir.write("home/.secret", "the user's own"),
+                      source = writeLogo(dir, "Shared/x.png");
+    fs::permissions(source, fs::perms::owner_read | fs::perms::owner_write);
+    dir.write("container/requests/r.json", *FinderConversionRequest{"webp", {{source, "png"}}}.encode());
+    std::atomic<int> pid{0};
+    auto run = std::async(std::launch::async, [&, seam = seam] {
+      return runHost(container, {"PALVIN_HOST_TEST_SEAM=" + seam}, [&](int p) { pid = p; });
+    });
+    ASSERT_TRUE(waitFor([&] {
+      const std::string stat = pid ? readText("/proc/" + std::to_string(pid) + "/stat") : "";
+      return stat.find(") T ") != std::string::npos;
+    })) << seam;
+    if (killed) {
+      ::kill(pid, SIGKILL);
+      run.get();
+      ASSERT_EQ(runHost(container).exitCode, 0);
+    } else {
+      for (const auto& entry : fs::directory_iterator(shared)) {
+        if (!entry.path().filename().string().starts_with(".palvin-")) continue;
+        fs::remove(entry.path());
+        fs::create_symlink(secret, entry.path());
+      }
+      fs::create_symlink(secret, shared + "/x.webp");
+      ::kill(pid, SIGCONT);
+      ASSERT_EQ(run.get().exitCode, 0);
+    }
+    EXPECT_EQ(readText(secret), "the user's own") << seam;
+    EXPECT_EQ(filesEndingIn(shared, ".tmp"), output.empty() ? 1u : 0u) << seam;  // the attacker's link alone
+    const auto file = resultOf(container, "r.json").files.at(0);
+    if (output.empty()) {
+      EXPECT_NE(file.error.find(" was replaced meanwhile"), std::string::npos) << file.error;
+      continue;
+    }
+    ASSERT_EQ(file.status, Status::converted) << seam << file.error;
+    EXPECT_EQ(file.outputPath, shared + "/" + output);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(file.outputPath)));
+    EXPECT_EQ(looks(file.outputPath), "webpload 64x48 clear|red");
+    EXPECT_EQ(fs::status(file.outputPath).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(filesEndingIn(shared, ".webp"), killed ? 1u : 2u) << seam;  // with the attacker's link
+  }
+}
+
 // "Open to set up" starts the host app with --activate: it replaces a
 // catalogue unlike its own (leaving its own alone), and the user is told on
 // the desktop that it is ready, or what is wrong and what to do.

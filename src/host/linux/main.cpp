@@ -239,9 +239,10 @@ int main(int argc, char** argv) {
   }
   log.emplace(platform, paths::join(*container, kHostLogName));
   if (ffmpeg.empty()) log->log(Level::warn, "ffmpeg not found in PATH: audio and video are not offered");
-  FileConverter converter(table, ffmpeg, logger, [&notices](const FinderFileTask& task, double fraction) {
-    notices.fileProgress(task, fraction);
-  });
+  FileConverter converter(
+      table, ffmpeg, logger,
+      [&notices](const FinderFileTask& task, double fraction) { notices.fileProgress(task, fraction); },
+      FileConverter::Seams::fromEnvironment());
 
   FinderRequestQueue::Options queueOptions;
   queueOptions.convert = [&converter](const FinderFileTask& task, const std::atomic<bool>& stopping) {
