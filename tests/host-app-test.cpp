@@ -354,6 +354,48 @@ TEST(HostApp, NoSwappedNameIsFollowedAndNoKillMakesASecondOutput) {
   }
 }
 
+// A container that another user can change, or that is another user's, is
+// refused before anything in it is read or written; the user's own is made
+// private, with everything the host app writes in it.
+TEST(HostApp, RefusesAContainerNotTheUsersAloneAndKeepsItsOwnPrivate) {
+  // clang-format off
+  const std::vector<std::tuple<fs::perms, uid_t, std::string>> rows = {  // mode, owner, refusal
+      {fs::perms(0770), 0, "others can write in it (mode 0770)"},
+      {fs::perms(01777), 0, "others can write in it (mode 1777)"},
+      {fs::perms(0700), 65534, "it belongs to user 65534, not to you"},
+      {fs::perms(0755), 0, ""},
+  };
+  // clang-format on
+  for (const auto& [mode, owner, refusal] : rows) {
+    TempDir dir;
+    const std::string container = dir.file("container");
+    dir.write("container/requests/a.json",
+              *FinderConversionRequest{"webp", {{writeLogo(dir, "a.png"), "png"}}}.encode());
+    fs::permissions(container + "/requests", fs::perms::owner_all);  // as the extension makes it
+    fs::permissions(container, mode);
+    if (owner != 0 && (::geteuid() != 0 || ::chown(container.c_str(), owner, owner) != 0)) continue;
+    auto run = runHost(container);
+    if (!refusal.empty()) {
+      EXPECT_EQ(run.exitCode, 1);
+      EXPECT_NE(
+          run.err.find("Bad owner or permissions on the shared container " + container + ": " + refusal),
+          std::string::npos)
+          << run.err;
+      EXPECT_EQ(std::vector<fs::path>(fs::directory_iterator(container), {}),
+                std::vector<fs::path>{container + "/requests"});
+      continue;
+    }
+    EXPECT_EQ(resultOf(container, "a.json").count(Status::converted), 1u);
+    std::vector<std::string> wider;
+    for (const auto& entry : fs::recursive_directory_iterator(container)) {
+      const auto allowed = entry.is_directory() ? fs::perms::owner_all : fs::perms(0600);
+      if ((entry.status().permissions() & ~allowed) != fs::perms::none) wider.push_back(entry.path());
+    }
+    EXPECT_EQ(fs::status(container).permissions(), fs::perms::owner_all);
+    EXPECT_EQ(wider, std::vector<std::string>{});
+  }
+}
+
 // "Open to set up" starts the host app with --activate: it replaces a
 // catalogue unlike its own (leaving its own alone), and the user is told on
 // the desktop that it is ready, or what is wrong and what to do.

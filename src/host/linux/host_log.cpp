@@ -12,7 +12,7 @@
 namespace palvin::host {
 
 Status appendWholeLine(const std::string& path, std::string_view line) {
-  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW, 0666);
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW, 0600);
   if (fd < 0) return Error{path + ": " + std::generic_category().message(errno)};
   // The lock dies with its holder, so a killed writer never blocks the rest.
   while (::flock(fd, LOCK_EX) != 0 && errno == EINTR) {
