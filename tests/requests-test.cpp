@@ -282,6 +282,62 @@ TEST(RequestQueue, ConvertsInParallelLeavesHeldClaimsAndResumesStoppedRequests) 
               !std::filesystem::exists(dir.file("requests/d.json")));
 }
 
+// What this process has written so far, by every thread's write calls.
+std::uint64_t bytesWritten() {
+  const std::string io = readText("/proc/self/io");
+  return std::stoull(io.substr(io.find("wchar: ") + 7));
+}
+
+// Result writing grows linearly with a request (per file, 8,000 files cost
+// what 1,000 do, and a few times the final document in all), and a one-file
+// request queued behind a 100,000-file one is done while that one still runs.
+TEST(RequestQueue, BigRequestsWriteLinearlyAndStarveNoSmallOne) {
+  testing::TempDir dir;
+  LinuxPlatform platform({.container = dir.path()});
+  ScopedPlatform installed(platform);
+  auto missing = [&](const std::string& name, int count) {
+    FinderConversionRequest big{"webp", {}};
+    for (int i = 0; i < count; ++i)
+      big.files.push_back({"/missing/folder/" + std::to_string(i) + ".png", "png"});
+    dir.write("requests/" + name, *big.encode());
+  };
+  std::atomic<std::size_t> bigDone{0};
+  std::size_t bigDoneWhenSmall = 0;
+  FinderRequestQueue queue(dir.path(), {.convert =
+                                            [&](const FinderFileTask& task, const std::atomic<bool>&) {
+                                              if (task.requestName == "small.json") {
+                                                bigDoneWhenSmall = bigDone.load();
+                                              } else {
+                                                ++bigDone;
+                                              }
+                                              return FinderFileResult{{}, Status::failed, {}, "gone"};
+                                            },
+                                        .parallelism = 2,
+                                        .slice = std::chrono::milliseconds(20)});
+  ASSERT_TRUE(queue.prepare().ok());
+  double perFile[2];
+  for (int i : {0, 1}) {
+    const int files = i == 0 ? 1000 : 8000;
+    missing("r" + std::to_string(files) + ".json", files);
+    const auto before = bytesWritten();
+    EXPECT_EQ(queue.processPending(), 1u);
+    const auto written = bytesWritten() - before;
+    EXPECT_LT(written,
+              48 * std::filesystem::file_size(dir.file("results/r" + std::to_string(files) + ".json")));
+    perFile[i] = static_cast<double>(written) / files;
+  }
+  EXPECT_LT(perFile[1], 1.5 * perFile[0]) << perFile[0] << " bytes a file for 1,000 files";
+
+  missing("big.json", 100000);
+  bigDone = 0;
+  dir.write("requests/small.json", *request('s', 1).encode());
+  EXPECT_EQ(queue.processPending(), 2u);
+  EXPECT_EQ(FinderConversionResult::decode(readText(dir.file("results/big.json")))->count(Status::failed),
+            100000u);
+  EXPECT_GT(bigDoneWhenSmall, 0u);
+  EXPECT_LT(bigDoneWhenSmall, 100000u);
+}
+
 // The result document's decoder: as strict as the request's, with the status rules.
 TEST(ConversionResult, DecodesOnlyWhatItsEncoderCouldHaveWritten) {
   const FinderConversionResult mixed{"webp",

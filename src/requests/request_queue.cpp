@@ -236,8 +236,11 @@ std::size_t FinderRequestQueue::processPending() {
       if (seen.contains(name) || !claim(name, claimed)) continue;
       seen.insert(name);
       found = true;
-      handle(claimed);
-      ++handled;
+      if (handle(claimed)) {
+        ++handled;
+      } else {
+        seen.erase(name);  // made way: taken again after the others
+      }
     }
   }
   return handled;
@@ -293,8 +296,11 @@ bool FinderRequestQueue::recoverAbandoned(std::size_t& handled, std::set<std::st
     }
     log(Level::warn, "Recovered request " + name + " left in processing/ by an instance that stopped");
     any = true;
-    handle(claimed);
-    ++handled;
+    if (handle(claimed)) {
+      ++handled;
+    } else {
+      seen.erase(name);
+    }
   }
   return any;
 }
@@ -307,18 +313,18 @@ void FinderRequestQueue::setAside(const Claim& claim, const std::string& reason)
   }
 }
 
-void FinderRequestQueue::handle(Claim& claim) {
+bool FinderRequestQueue::handle(Claim& claim) {
   const std::string claimed = paths::join(processing_, claim.name);
   struct stat info {};
   if (::fstat(claim.fd, &info) != 0 || !S_ISREG(info.st_mode)) {
     setAside(claim, "not a regular file");
-    return;
+    return true;
   }
   auto bytes = readAll(claim.fd, claimed);
   auto request = bytes.ok() ? FinderConversionRequest::decode(*bytes) : Error{bytes.error()};
   if (!request.ok()) {
     setAside(claim, request.error());
-    return;
+    return true;
   }
   FinderConversionResult result = priorResult(claim.name, *request);
   const std::string journalFile = journalPath(claim.name);
@@ -326,14 +332,14 @@ void FinderRequestQueue::handle(Claim& claim) {
   // document that can't be written leaves the request for a later pass.
   if (!record(claim.name, result)) {
     (void)::rename(claimed.c_str(), paths::join(requests_, claim.name).c_str());
-    return;
+    return true;
   }
   journal_ =
       ::open(journalFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (journal_ < 0) {
     log(Level::error, "Cannot keep a journal: " + describe(journalFile, errno));
     (void)::rename(claimed.c_str(), paths::join(requests_, claim.name).c_str());
-    return;
+    return true;
   }
   {
     std::lock_guard lock(underWayMutex_);
@@ -372,7 +378,7 @@ void FinderRequestQueue::handle(Claim& claim) {
       log(Level::info, "Returned request " + claim.name + " to requests/: " + std::to_string(left) + " of " +
                            std::to_string(result.files.size()) + " file(s) left");
     }
-    return;
+    return !recorded || stopRequested();
   }
   if (::unlink(claimed.c_str()) != 0) log(Level::error, "Cannot remove " + describe(claimed, errno));
   std::string counts = std::to_string(result.count(FileStatus::converted)) + " converted, " +
@@ -381,6 +387,12 @@ void FinderRequestQueue::handle(Claim& claim) {
   log(Level::info, "Handled request " + claim.name + ": " + std::to_string(result.files.size()) +
                        " file(s) \xE2\x86\x92 " + result.targetFormatId + ", " + counts);
   if (options_.finished) options_.finished(claim.name, result);
+  return true;
+}
+
+bool FinderRequestQueue::othersWaiting() const {
+  auto names = listRequestFileNames(requests_);
+  return names.ok() && !names->empty();
 }
 
 bool FinderRequestQueue::cancel(const std::string& requestName) {
@@ -461,8 +473,23 @@ void FinderRequestQueue::convertFiles(const std::string& name, const FinderConve
     if (options_.progress) options_.progress(name, result);
   };
   std::atomic<std::size_t> next{0};
+  // Past its slice, the request makes way when others wait; it looks again
+  // a slice later when none does.
+  auto sliceEnd = std::chrono::steady_clock::now() + options_.slice;
+  std::atomic<bool> makeWay{false};
+  auto keepGoing = [&] {
+    if (makeWay.load()) return false;
+    std::lock_guard lock(mutex);
+    if (std::chrono::steady_clock::now() < sliceEnd) return true;
+    if (othersWaiting()) {
+      makeWay = true;
+      return false;
+    }
+    sliceEnd = std::chrono::steady_clock::now() + options_.slice;
+    return true;
+  };
   auto work = [&] {
-    while (!interrupt_.load()) {
+    while (!interrupt_.load() && keepGoing()) {
       std::size_t k = next.fetch_add(1);
       if (k >= todo.size()) return;
       std::size_t index = todo[k];

@@ -18,6 +18,9 @@
 //            "results/<name>" (FinderConversionResult) is written whole at the
 //            start, after every 1/32 of the files and at the end, so that
 //            its writing grows linearly with the request;
+//   share    a request that has run for a slice while others wait goes back
+//            to requests/ and resumes after them, so that a small request
+//            is not starved by a big one;
 //   remove   once every file has its outcome and the document is written,
 //            the journal and the claimed file are deleted. A document that
 //            can't be written (a full disk) leaves the request claimable.
@@ -31,6 +34,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <mutex>
@@ -78,10 +82,13 @@ class FinderRequestQueue {
 
   struct Options {
     Converter convert;
-    Logger log;
+    Logger log{};
     Finished finished{};
     Progress progress{};
     unsigned parallelism = 1;
+    // How long a request runs while others wait before it makes way for
+    // them: it goes back to requests/ and resumes after them.
+    std::chrono::milliseconds slice{2000};
   };
 
   FinderRequestQueue(std::string containerRoot, Options options);
@@ -120,10 +127,12 @@ class FinderRequestQueue {
   struct Claim;
   bool recoverAbandoned(std::size_t& handled, std::set<std::string>& seen);
   bool claim(const std::string& name, Claim& out);
-  void handle(Claim& claim);
+  // False when the request made way for others and waits in requests/ again.
+  bool handle(Claim& claim);
   void setAside(const Claim& claim, const std::string& reason);
   void convertFiles(const std::string& name, const FinderConversionRequest& request,
                     FinderConversionResult& result);
+  bool othersWaiting() const;
   FinderConversionResult priorResult(const std::string& name, const FinderConversionRequest& request);
   bool record(const std::string& name, const FinderConversionResult& result);
   std::string journalPath(const std::string& name) const;

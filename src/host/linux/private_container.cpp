@@ -11,7 +11,8 @@ namespace palvin::host {
 
 std::optional<ContainerProblem> makeContainerPrivate(const std::string& path) {
   struct stat info {};
-  if (::stat(path.c_str(), &info) != 0) return ContainerProblem{path + ": " + std::generic_category().message(errno), ""};
+  if (::stat(path.c_str(), &info) != 0)
+    return ContainerProblem{path + ": " + std::generic_category().message(errno), ""};
   const std::string bad = "Bad owner or permissions on the shared container " + path + ": ";
   if (info.st_uid != ::geteuid()) {
     return ContainerProblem{bad + "it belongs to user " + std::to_string(info.st_uid) + ", not to you.",
