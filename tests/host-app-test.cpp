@@ -196,6 +196,7 @@ TEST(HostApp, ConvertsEveryFamilyRightAndRefusesWhatItMustNot) {
       {"a NUL byte", logo + std::string(1, '\0') + "x", "png", "webp", "", "the path holds a NUL byte", ""},
       {"a conversion not in the table", logo, "mp3", "webp", "", "this host app does not convert mp3 to webp", ""},
       {"a target not in the table", logo, "png", "exe", "", "this host app does not convert png to exe", ""},
+      {"truncated, once more", corrupt, "png", "webp", "", "read error", ""},
   };
   // clang-format on
   ASSERT_EQ(std::count(pdftotext.begin(), pdftotext.end(), '\f'), 3) << pdftotext;
@@ -224,6 +225,9 @@ TEST(HostApp, ConvertsEveryFamilyRightAndRefusesWhatItMustNot) {
     EXPECT_TRUE(row.summary.empty() || outcomes[i].summary == row.summary)
         << row.what << ": " << outcomes[i].summary;
   }
+  // Each file's reason is its own: libvips' messages don't pile up.
+  EXPECT_EQ(resultOf(container, name(rows.size() - 1)).files.at(0).error,
+            resultOf(container, name(10)).files.at(0).error);
   EXPECT_EQ(outcomes[3].body, "torn &amp; broken.png: " + resultOf(container, name(3)).files.at(1).error);
   EXPECT_EQ(filesEndingIn(files, ".tmp") + filesEndingIn(files, ".webp"), 0u);
   EXPECT_EQ(readText(container + "/requests/failed/bad.json"), R"({"targetFormatId":1,"files":[]})");

@@ -290,7 +290,8 @@ std::uint64_t bytesWritten() {
 
 // Result writing grows linearly with a request (per file, 8,000 files cost
 // what 1,000 do, and a few times the final document in all), and a one-file
-// request queued behind a 100,000-file one is done while that one still runs.
+// request queued behind a 100,000-file one is done while that one still runs,
+// its reason cut to a kilobyte of valid UTF-8.
 TEST(RequestQueue, BigRequestsWriteLinearlyAndStarveNoSmallOne) {
   testing::TempDir dir;
   LinuxPlatform platform({.container = dir.path()});
@@ -303,17 +304,20 @@ TEST(RequestQueue, BigRequestsWriteLinearlyAndStarveNoSmallOne) {
   };
   std::atomic<std::size_t> bigDone{0};
   std::size_t bigDoneWhenSmall = 0;
-  FinderRequestQueue queue(dir.path(), {.convert =
-                                            [&](const FinderFileTask& task, const std::atomic<bool>&) {
-                                              if (task.requestName == "small.json") {
-                                                bigDoneWhenSmall = bigDone.load();
-                                              } else {
-                                                ++bigDone;
-                                              }
-                                              return FinderFileResult{{}, Status::failed, {}, "gone"};
-                                            },
-                                        .parallelism = 2,
-                                        .slice = std::chrono::milliseconds(20)});
+  FinderRequestQueue queue(
+      dir.path(), {.convert =
+                       [&](const FinderFileTask& task, const std::atomic<bool>&) {
+                         if (task.requestName == "small.json") {
+                           bigDoneWhenSmall = bigDone.load();
+                           // A reason too long, and not UTF-8.
+                           return FinderFileResult{{}, Status::failed, {}, std::string(5000, '\xFF')};
+                         } else {
+                           ++bigDone;
+                         }
+                         return FinderFileResult{{}, Status::failed, {}, "gone"};
+                       },
+                   .parallelism = 2,
+                   .slice = std::chrono::milliseconds(20)});
   ASSERT_TRUE(queue.prepare().ok());
   double perFile[2];
   for (int i : {0, 1}) {
@@ -334,6 +338,8 @@ TEST(RequestQueue, BigRequestsWriteLinearlyAndStarveNoSmallOne) {
   EXPECT_EQ(queue.processPending(), 2u);
   EXPECT_EQ(FinderConversionResult::decode(readText(dir.file("results/big.json")))->count(Status::failed),
             100000u);
+  EXPECT_EQ(FinderConversionResult::decode(readText(dir.file("results/small.json")))->files.at(0).error,
+            std::string(1024, '?') + "\xE2\x80\xA6");
   EXPECT_GT(bigDoneWhenSmall, 0u);
   EXPECT_LT(bigDoneWhenSmall, 100000u);
 }

@@ -74,6 +74,9 @@ Status convertImage(const std::string& source, const Format& target, int output,
     ::close(fd);
     return Error{"not a regular file"};
   }
+  // libvips keeps one error buffer for the process and only appends to it:
+  // cleared here and after a failure, each file's reason is its own.
+  vips_error_clear();
   try {
     vips::VSource input = vips::VSource::new_from_descriptor(fd);  // takes its own copy
     ::close(fd);
@@ -121,6 +124,7 @@ Status convertImage(const std::string& source, const Format& target, int output,
     return success();
   } catch (const vips::VError& error) {
     if (fd >= 0) ::close(fd);
+    vips_error_clear();
     return Error{describeVipsError(error)};
   }
 }
