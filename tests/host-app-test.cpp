@@ -211,8 +211,9 @@ TEST(HostApp, ConvertsEveryFamilyRightAndRefusesWhatItMustNot) {
   auto run = runHost(container, {desktop.env()});
   ASSERT_EQ(run.exitCode, 0) << run.err;
   auto outcomes = desktop.notices();
-  std::erase_if(outcomes,
-                [](const auto& notice) { return !notice.actions.empty(); });  // progress, with a Cancel
+  std::erase_if(outcomes, [](const auto& notice) {  // progress, with a Cancel, and bad.json's
+    return !notice.actions.empty() || notice.summary == "A conversion request was rejected";
+  });
   ASSERT_EQ(outcomes.size(), rows.size());
   for (std::size_t i = 0; i < rows.size(); ++i) {
     const Row& row = rows[i];
@@ -398,6 +399,50 @@ TEST(HostApp, RefusesAContainerNotTheUsersAloneAndKeepsItsOwnPrivate) {
     EXPECT_EQ(fs::status(container).permissions(), fs::perms::owner_all);
     EXPECT_EQ(wider, std::vector<std::string>{});
   }
+}
+
+// Requests that can't be read are moved aside once, each with a result
+// document the tool lists and a notice; a path that is not UTF-8 fails alone;
+// a request's long name costs its files nothing.
+TEST(HostApp, RejectedRequestsAreShownAndBadPathsFailAlone) {
+  TempDir dir, elsewhere;
+  testing::NotificationService desktop;
+  const std::string container = dir.file("container"), logo = writeLogo(dir, "Logo/logo.png");
+  const std::string good = *FinderConversionRequest{"webp", {{logo, "png"}}}.encode();
+  std::string mixed = *FinderConversionRequest{"jpeg", {{logo, "png"}, {"/a/NOT-UTF8.png", "png"}}}.encode();
+  mixed.replace(mixed.find("NOT-UTF8"), 8, "\xFF\xFE");
+  dir.write("container/requests/bad.json", "{\"targetFormatId\":");
+  fs::create_symlink(elsewhere.write("real.json", good), container + "/requests/link.json");
+  dir.write("container/requests/mixed.json", mixed);
+  const std::string longName = std::string(250, 'L') + ".json";
+  dir.write("container/requests/" + longName, good);
+  // The named scratch files of file systems without unnamed ones, whose names could grow too long.
+  for (int run = 0; run < 2; ++run)
+    ASSERT_EQ(runHost(container, {desktop.env(), "PALVIN_HOST_TEST_SEAM=named-scratch"}).exitCode, 0);
+
+  const auto files = resultOf(container, "mixed.json").files;
+  EXPECT_EQ(files.at(0).outputPath, dir.file("Logo/logo.jpg"));
+  EXPECT_EQ(files.at(1).error, "the path is not valid UTF-8");
+  EXPECT_EQ(resultOf(container, longName).files.at(0).outputPath, dir.file("Logo/logo.webp"));
+  EXPECT_TRUE(fs::is_symlink(container + "/requests/failed/link.json"));
+  EXPECT_EQ(readText(elsewhere.file("real.json")), good);
+  const std::string log = readText(container + "/host-app.log");
+  EXPECT_EQ(std::regex_search(
+                log, std::regex("Rejected request link\\.json: a symbolic link, not a request file[^]*"
+                                "Rejected request link\\.json")),
+            false)
+      << "set aside once: " << log;
+  std::vector<std::string> rejected;
+  for (const auto& notice : desktop.notices()) {
+    if (notice.summary == "A conversion request was rejected") rejected.push_back(notice.body);
+  }
+  EXPECT_EQ(rejected, (std::vector<std::string>{"bad.json: " + resultOf(container, "bad.json").rejected,
+                                                "link.json: a symbolic link, not a request file"}));
+  auto listing = testing::runTool({"requests", "--container", container}, {"NO_COLOR=1"});
+  EXPECT_NE(listing.out.find("  rejected: a symbolic link, not a request file\n"), std::string::npos)
+      << listing.out;
+  EXPECT_NE(listing.out.find("  rejected: " + resultOf(container, "bad.json").rejected + "\n"),
+            std::string::npos);
 }
 
 // "Open to set up" starts the host app with --activate: it replaces a

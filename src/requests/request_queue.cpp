@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <exception>
 #include <mutex>
 #include <set>
@@ -68,6 +69,32 @@ std::string reasonText(std::string_view text) {
   }
   if (out.size() < text.size() && out.size() >= kMaxReason) out += "\xE2\x80\xA6";
   return out;
+}
+
+// Stands in a decoded request for bytes that were not UTF-8: U+FFFF, a
+// noncharacter that no file name has.
+constexpr std::string_view kNotUtf8 = "\xEF\xBF\xBF";
+
+// A request whose only fault is a string that is not UTF-8 (a path of some
+// other encoding) still decodes, with those bytes marked, so that the file
+// fails alone instead of the whole request.
+Result<FinderConversionRequest> decodeRequest(std::string_view bytes) {
+  auto request = FinderConversionRequest::decode(bytes);
+  if (request.ok() || json::isValidUtf8(bytes)) return request;
+  std::string marked;
+  for (std::size_t i = 0; i < bytes.size();) {
+    auto c = static_cast<unsigned char>(bytes[i]);
+    std::size_t length = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
+    if (length <= bytes.size() - i && json::isValidUtf8(bytes.substr(i, length))) {
+      marked.append(bytes.substr(i, length));
+      i += length;
+    } else {
+      marked.append(kNotUtf8);
+      ++i;
+    }
+  }
+  auto tolerant = FinderConversionRequest::decode(marked);
+  return tolerant.ok() && tolerant->targetFormatId.find(kNotUtf8) == std::string::npos ? tolerant : request;
 }
 
 // One journal line: {"index":3,"status":"converted","text":"\/a\/b.webp"};
@@ -172,8 +199,12 @@ Status FinderRequestQueue::prepare() {
 }
 
 std::string FinderRequestQueue::journalPath(const std::string& name) const {
-  // The stem keeps the name within NAME_MAX whatever the request's name.
-  return paths::join(processing_, stemOf(name) + ".journal");
+  // Within NAME_MAX whatever the request's name: a part of it, and a hash.
+  std::uint64_t hash = 14695981039346656037ull;
+  for (unsigned char c : name) hash = (hash ^ c) * 1099511628211ull;
+  char hex[17];
+  std::snprintf(hex, sizeof hex, "%016llx", static_cast<unsigned long long>(hash));
+  return paths::join(processing_, stemOf(name).substr(0, 200) + "." + hex + ".journal");
 }
 
 // This queue's own leftovers, by their name and owner: the temporary files of
@@ -195,14 +226,15 @@ void FinderRequestQueue::removeLeftovers() {
   each(results_, [&](const std::string& name) {
     if (name.starts_with(".") && name.ends_with(".tmp")) removeOwn(paths::join(results_, name));
   });
+  std::set<std::string> kept;
+  for (const std::string* directory : {&requests_, &processing_}) {
+    auto names = listRequestFileNames(*directory);
+    if (!names.ok()) return;  // nothing is removed on a partial view
+    for (const auto& name : *names) kept.insert(journalPath(name));
+  }
   each(processing_, [&](const std::string& name) {
-    if (!name.ends_with(".journal")) return;
-    const std::string request = name.substr(0, name.size() - 8) + std::string(kRequestFileExtension);
-    struct stat info {};
-    if (::lstat(paths::join(processing_, request).c_str(), &info) != 0 &&
-        ::lstat(paths::join(requests_, request).c_str(), &info) != 0) {
-      removeOwn(paths::join(processing_, name));
-    }
+    const std::string path = paths::join(processing_, name);
+    if (name.ends_with(".journal") && !kept.contains(path)) removeOwn(path);
   });
 }
 
@@ -254,6 +286,11 @@ std::size_t FinderRequestQueue::processPending() {
 bool FinderRequestQueue::claim(const std::string& name, Claim& out) {
   const std::string waiting = paths::join(requests_, name);
   int fd = ::open(waiting.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0 && errno == ELOOP) {
+    // A request is a file of its own: a link could lead anywhere.
+    setAside(name, requests_, "a symbolic link, not a request file");
+    return false;
+  }
   if (fd < 0) {
     if (errno != ENOENT) log(Level::error, "Cannot claim " + describe(waiting, errno));
     return false;
@@ -305,28 +342,40 @@ bool FinderRequestQueue::recoverAbandoned(std::size_t& handled, std::set<std::st
   return any;
 }
 
-void FinderRequestQueue::setAside(const Claim& claim, const std::string& reason) {
-  log(Level::error, "Rejected request " + claim.name + ": " + reason);
-  const std::string claimed = paths::join(processing_, claim.name);
-  if (::rename(claimed.c_str(), paths::join(failed_, claim.name).c_str()) != 0) {
+// Moved to failed/ (never deleted), with a result document that says why, so
+// that the tool and the desktop show it like any other outcome.
+void FinderRequestQueue::setAside(const std::string& name, const std::string& from,
+                                  const std::string& reason) {
+  log(Level::error, "Rejected request " + name + ": " + reason);
+  const std::string claimed = paths::join(from, name);
+  if (::rename(claimed.c_str(), paths::join(failed_, name).c_str()) != 0) {
+    if (errno == ENOENT) return;  // another instance set it aside first
     log(Level::error, "Cannot move aside " + describe(claimed, errno));
   }
+  FinderConversionResult result{"", {}, reasonText(reason)};
+  record(name, result);
+  if (options_.finished) options_.finished(name, result);
 }
 
 bool FinderRequestQueue::handle(Claim& claim) {
   const std::string claimed = paths::join(processing_, claim.name);
   struct stat info {};
   if (::fstat(claim.fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    setAside(claim, "not a regular file");
+    setAside(claim.name, processing_, "not a regular file");
     return true;
   }
   auto bytes = readAll(claim.fd, claimed);
-  auto request = bytes.ok() ? FinderConversionRequest::decode(*bytes) : Error{bytes.error()};
+  auto request = bytes.ok() ? decodeRequest(*bytes) : Error{bytes.error()};
   if (!request.ok()) {
-    setAside(claim, request.error());
+    setAside(claim.name, processing_, request.error());
     return true;
   }
   FinderConversionResult result = priorResult(claim.name, *request);
+  for (auto& file : result.files) {
+    if (file.status == FinderFileResult::Status::pending && file.path.find(kNotUtf8) != std::string::npos) {
+      file = {file.path, FinderFileResult::Status::failed, {}, "the path is not valid UTF-8"};
+    }
+  }
   const std::string journalFile = journalPath(claim.name);
   // What the journal held is in the document now: it starts afresh. A
   // document that can't be written leaves the request for a later pass.

@@ -9,8 +9,10 @@
 //            the claiming process dies, however it dies;
 //   recover  a file in processing/ that nobody holds locked was left by an
 //            instance that died: it is taken over, lock first;
-//   decode   a request that does not decode is moved to requests/failed/
-//            (never deleted) and logged;
+//   decode   a request that does not decode, or is no regular file, is moved
+//            to requests/failed/ (never deleted), logged, and gets a result
+//            document "rejected" with the reason; a path that is not UTF-8
+//            fails only its own file;
 //   act      the caller's converter is called once per file, in parallel up
 //            to `parallelism` files at a time; each file's outcome, and the
 //            output it is about to publish, is appended as it comes to a
@@ -129,7 +131,7 @@ class FinderRequestQueue {
   bool claim(const std::string& name, Claim& out);
   // False when the request made way for others and waits in requests/ again.
   bool handle(Claim& claim);
-  void setAside(const Claim& claim, const std::string& reason);
+  void setAside(const std::string& name, const std::string& from, const std::string& reason);
   void convertFiles(const std::string& name, const FinderConversionRequest& request,
                     FinderConversionResult& result);
   bool othersWaiting() const;
