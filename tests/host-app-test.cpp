@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <future>
+#include <random>
 #include <regex>
 #include <thread>
 #include <vips/vips8>
@@ -300,6 +301,55 @@ TEST(HostApp, KilledOrStoppedInstancesLoseNothing) {
   EXPECT_EQ(filesEndingIn(container + "/results", ".json"), 22u);
   EXPECT_NE(readText(container + "/host-app.log").find("[WARN] Recovered request Killed.json"),
             std::string::npos);
+}
+
+// 300 SIGKILLs at random moments while 100 requests convert, then a run
+// left alone: every request has its result, every source exactly one output
+// that decodes, and nothing temporary is left anywhere.
+TEST(HostApp, ThreeHundredKillsLeaveNoDuplicateNoLeftoverAndLoseNothing) {
+  TempDir dir;
+  const std::string container = dir.file("container"), folder = dir.file("K");
+  // Big enough that the 100 can't all be done between two kills.
+  const std::string image = readText(writeImage(dir, "image.png", 1000, 750));
+  for (int i = 0; i < 100; ++i) {
+    const std::string source = folder + "/" + std::to_string(i) + ".png";
+    dir.write("K/" + std::to_string(i) + ".png", image);
+    dir.write("container/requests/" + std::to_string(i) + ".json",
+              *FinderConversionRequest{"webp", {{source, "png"}}}.encode());
+  }
+  std::mt19937 random(2211);
+  int kills = 0;
+  while (kills < 300) {
+    std::atomic<int> pid{0};
+    auto run =
+        std::async(std::launch::async, [&] { return runHost(container, {}, [&](int p) { pid = p; }); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 60));
+    if (run.wait_for(std::chrono::seconds(0)) == std::future_status::ready) break;  // all done first
+    ASSERT_TRUE(waitFor([&] { return pid != 0; }));
+    ::kill(pid, SIGKILL);
+    kills += run.get().exitCode == 128 + SIGKILL;
+  }
+  EXPECT_EQ(kills, 300);
+  ASSERT_EQ(runHost(container).exitCode, 0);
+  std::vector<std::string> wrong;
+  for (int i = 0; i < 100; ++i) {
+    const auto result = resultOf(container, std::to_string(i) + ".json");
+    const std::string expected = folder + "/" + std::to_string(i) + ".webp";
+    if (result.files.size() != 1 || result.files[0].outputPath != expected ||
+        !looks(expected).starts_with("webpload 1000x750 ")) {
+      wrong.push_back(std::to_string(i));
+    }
+  }
+  EXPECT_EQ(wrong, std::vector<std::string>{});
+  EXPECT_EQ(filesEndingIn(folder, ".webp"), 100u);  // no "<i> 2.webp"
+  std::vector<std::string> left;
+  for (const std::string& place : {folder, container + "/results", container + "/requests/processing"}) {
+    for (const auto& entry : fs::directory_iterator(place)) {
+      if (entry.path().filename().string().starts_with(".") || place.ends_with("processing"))
+        left.push_back(entry.path());
+    }
+  }
+  EXPECT_EQ(left, std::vector<std::string>{});
 }
 
 // Another user who can write in the source's folder swaps the names there
