@@ -495,6 +495,45 @@ TEST(HostApp, RejectedRequestsAreShownAndBadPathsFailAlone) {
             std::string::npos);
 }
 
+// On a container whose disk is full (a 1 MiB tmpfs in a mount namespace of
+// the test's own), a request whose result can't be recorded stays claimable,
+// the failure is logged (host-app.log, or standard error and the journal),
+// and the request is converted once there is room again.
+TEST(HostApp, AFullDiskLosesNoRequest) {
+  TempDir dir;
+  const std::string container = dir.file("container");
+  fs::create_directories(container);
+  const std::string request =
+      dir.write("r.json", *FinderConversionRequest{"webp", {{writeLogo(dir, "logo.png"), "png"}}}.encode());
+  const std::string script =
+      "set -e; C=\"$1\"; mount -t tmpfs -o size=1m,mode=0700 tmpfs \"$C\"; \"$2\"; cp \"$3\" "
+      "\"$C/requests/r.json\"; "
+      "dd if=/dev/zero of=\"$C/filler\" bs=4k 2>/dev/null || true; \"$2\"; cat \"$C/host-app.log\"; echo; ls "
+      "\"$C/requests\" "
+      "\"$C/results\"; "
+      "rm \"$C/filler\"; \"$2\"; cat \"$C/results/r.json\"";
+  auto run = testing::runProgram("/usr/bin/unshare",
+                                 {::geteuid() == 0 ? "-m" : "-rm", "--propagation", "private", "sh", "-c",
+                                  script, "sh", container, PALVIN_HOST_APP_PATH, request},
+                                 {"PALVIN_SHARED_CONTAINER=" + container, "-DBUS_SESSION_BUS_ADDRESS"});
+  if (run.err.find("mount: ") != std::string::npos || run.err.find("unshare: ") != std::string::npos)
+    GTEST_SKIP() << "no private tmpfs here: " << run.err;
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_NE((run.out + run.err)
+                .find("Cannot write result: " + container + "/results/r.json: No space left on device"),
+            std::string::npos)
+      << run.err << run.out;
+  // Still waiting in requests/, nothing in results/, then converted.
+  EXPECT_NE(run.out.find("\n" + container + "/requests:\nfailed\nprocessing\nr.json\n\n" + container +
+                         "/results:\n{"),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("\"status\":\"converted\",\"outputPath\":\"" +
+                         std::regex_replace(dir.file("logo.webp"), std::regex("/"), "\\/")),
+            std::string::npos)
+      << run.out;
+}
+
 // "Open to set up" starts the host app with --activate: it replaces a
 // catalogue unlike its own (leaving its own alone), and the user is told on
 // the desktop that it is ready, or what is wrong and what to do.

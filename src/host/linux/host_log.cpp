@@ -38,7 +38,13 @@ Status appendWholeLine(const std::string& path, std::string_view line) {
 void HostLog::log(FinderLog::Level level, const std::string& message) const {
   std::string line = FinderLog::formatLine(platform_.now(), level, message);
   if (auto appended = appendWholeLine(path_, line); !appended.ok()) {
+    // A full disk must not silence the host app: the journal keeps the line.
     std::cerr << line.substr(0, line.size() - 1) << " (" << appended.error() << ")\n";
+    const auto type = level == FinderLog::Level::debug  ? UnifiedLogType::debug
+                      : level == FinderLog::Level::info ? UnifiedLogType::info
+                                                        : UnifiedLogType::error;
+    platform_.unifiedLog(type,
+                         "PalvinHost: " + message + " (not in " + path_ + ": " + appended.error() + ")");
   }
 }
 

@@ -15,7 +15,8 @@ class HostLog {
  public:
   HostLog(Platform& platform, std::string path) : platform_(platform), path_(std::move(path)) {}
 
-  // Any thread. Failures go to standard error with the line.
+  // Any thread. A line that can't be written goes to standard error and the
+  // journal.
   void log(FinderLog::Level level, const std::string& message) const;
   const std::string& path() const { return path_; }
 
