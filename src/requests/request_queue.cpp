@@ -51,23 +51,26 @@ Result<std::string> readAll(int fd, const std::string& path) {
   }
 }
 
+// `text` with every byte that is not part of valid UTF-8 replaced, cut after
+// `limit` bytes.
+std::string withValidUtf8(std::string_view text, std::string_view replacement, std::size_t limit) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size() && out.size() < limit;) {
+    auto c = static_cast<unsigned char>(text[i]);
+    std::size_t length = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
+    const bool valid = length <= text.size() - i && json::isValidUtf8(text.substr(i, length));
+    out.append(valid ? text.substr(i, length) : replacement);
+    i += valid ? length : 1;
+  }
+  return out;
+}
+
 // A reason is the converter's text: kept to about a kilobyte, and made valid
 // UTF-8 so that the document can always be written.
 std::string reasonText(std::string_view text) {
   constexpr std::size_t kMaxReason = 1024;
-  std::string out;
-  for (std::size_t i = 0; i < text.size() && out.size() < kMaxReason;) {
-    auto c = static_cast<unsigned char>(text[i]);
-    std::size_t length = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
-    if (length <= text.size() - i && json::isValidUtf8(text.substr(i, length))) {
-      out.append(text.substr(i, length));
-      i += length;
-    } else {
-      out.push_back('?');
-      ++i;
-    }
-  }
-  if (out.size() < text.size() && out.size() >= kMaxReason) out += "\xE2\x80\xA6";
+  std::string out = withValidUtf8(text, "?", kMaxReason);
+  if (out.size() >= kMaxReason && out.size() < text.size()) out += "\xE2\x80\xA6";
   return out;
 }
 
@@ -81,18 +84,7 @@ constexpr std::string_view kNotUtf8 = "\xEF\xBF\xBF";
 Result<FinderConversionRequest> decodeRequest(std::string_view bytes) {
   auto request = FinderConversionRequest::decode(bytes);
   if (request.ok() || json::isValidUtf8(bytes)) return request;
-  std::string marked;
-  for (std::size_t i = 0; i < bytes.size();) {
-    auto c = static_cast<unsigned char>(bytes[i]);
-    std::size_t length = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
-    if (length <= bytes.size() - i && json::isValidUtf8(bytes.substr(i, length))) {
-      marked.append(bytes.substr(i, length));
-      i += length;
-    } else {
-      marked.append(kNotUtf8);
-      ++i;
-    }
-  }
+  const std::string marked = withValidUtf8(bytes, kNotUtf8, bytes.size() * 3);
   auto tolerant = FinderConversionRequest::decode(marked);
   return tolerant.ok() && tolerant->targetFormatId.find(kNotUtf8) == std::string::npos ? tolerant : request;
 }
