@@ -15,7 +15,8 @@ double filesPerSecond(const std::string& root, int files) {
   const std::string container = root + "/" + std::to_string(files);
   std::filesystem::create_directories(container + "/requests");
   palvin::FinderConversionRequest request{"webp", {}};
-  for (int i = 0; i < files; ++i) request.files.push_back({root + "/missing/" + std::to_string(i) + ".png", "png"});
+  for (int i = 0; i < files; ++i)
+    request.files.push_back({root + "/missing/" + std::to_string(i) + ".png", "png"});
   palvin::bench::writeFile(container + "/requests/big.json", *request.encode());
   const auto start = std::chrono::steady_clock::now();
   const int status = palvin::bench::waitFor(palvin::bench::startHostApp(container, {}));
@@ -31,7 +32,8 @@ int main() {
   const double small = filesPerSecond(root.path, 1000), big = filesPerSecond(root.path, 100000);
   std::printf("1,000 missing files:   %10.0f files/s\n", small);
   std::printf("100,000 missing files: %10.0f files/s\n", big);
-  std::printf("per-file cost, 100,000 / 1,000: %.2fx (at most 1.5x expected; the small run includes start-up)\n",
-              small / big);
+  std::printf(
+      "per-file cost, 100,000 / 1,000: %.2fx (at most 1.5x expected; the small run includes start-up)\n",
+      small / big);
   return 0;
 }

@@ -429,23 +429,18 @@ TEST(HostApp, RejectedRequestsAreShownAndBadPathsFailAlone) {
   EXPECT_EQ(resultOf(container, longName).files.at(0).outputPath, dir.file("Logo/logo.webp"));
   EXPECT_TRUE(fs::is_symlink(container + "/requests/failed/link.json"));
   EXPECT_EQ(readText(elsewhere.file("real.json")), good);
-  const std::string log = readText(container + "/host-app.log");
-  EXPECT_EQ(std::regex_search(
-                log, std::regex("Rejected request link\\.json: a symbolic link, not a request file[^]*"
-                                "Rejected request link\\.json")),
-            false)
-      << "set aside once: " << log;
   std::vector<std::string> rejected;
   for (const auto& notice : desktop.notices()) {
     if (notice.summary == "A conversion request was rejected") rejected.push_back(notice.body);
   }
   EXPECT_EQ(rejected, (std::vector<std::string>{"bad.json: " + resultOf(container, "bad.json").rejected,
                                                 "link.json: a symbolic link, not a request file"}));
-  auto listing = testing::runTool({"requests", "--container", container}, {"NO_COLOR=1"});
-  EXPECT_NE(listing.out.find("  rejected: a symbolic link, not a request file\n"), std::string::npos)
-      << listing.out;
-  EXPECT_NE(listing.out.find("  rejected: " + resultOf(container, "bad.json").rejected + "\n"),
-            std::string::npos);
+  // Once each, over two runs, and listed.
+  const std::string listing = testing::runTool({"requests", "--container", container}, {"NO_COLOR=1"}).out;
+  EXPECT_TRUE(listing.find("  rejected: a symbolic link, not a request file\n") != std::string::npos &&
+              listing.find("  rejected: " + resultOf(container, "bad.json").rejected + "\n") !=
+                  std::string::npos)
+      << listing;
 }
 
 // On a container whose disk is full (a 1 MiB tmpfs in a mount namespace of
@@ -458,13 +453,10 @@ TEST(HostApp, AFullDiskLosesNoRequest) {
   fs::create_directories(container);
   const std::string request =
       dir.write("r.json", *FinderConversionRequest{"webp", {{writeLogo(dir, "logo.png"), "png"}}}.encode());
-  const std::string script =
-      "set -e; C=\"$1\"; mount -t tmpfs -o size=1m,mode=0700 tmpfs \"$C\"; \"$2\"; cp \"$3\" "
-      "\"$C/requests/r.json\"; "
-      "dd if=/dev/zero of=\"$C/filler\" bs=4k 2>/dev/null || true; \"$2\"; cat \"$C/host-app.log\"; echo; ls "
-      "\"$C/requests\" "
-      "\"$C/results\"; "
-      "rm \"$C/filler\"; \"$2\"; cat \"$C/results/r.json\"";
+  // Set up, fill the disk, run, show; make room, run, show.
+  const std::string script = R"(set -e; C="$1"; mount -t tmpfs -o size=1m,mode=0700 tmpfs "$C"; "$2"
+    cp "$3" "$C/requests/r.json"; dd if=/dev/zero of="$C/filler" bs=4k 2>/dev/null || true
+    "$2"; cat "$C/host-app.log"; echo; ls "$C/requests" "$C/results"; rm "$C/filler"; "$2"; cat "$C/results/r.json")";
   auto run = testing::runProgram("/usr/bin/unshare",
                                  {::geteuid() == 0 ? "-m" : "-rm", "--propagation", "private", "sh", "-c",
                                   script, "sh", container, PALVIN_HOST_APP_PATH, request},
