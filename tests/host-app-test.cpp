@@ -382,6 +382,8 @@ TEST(HostApp, RefusesAContainerNotTheUsersAloneAndKeepsItsOwnPrivate) {
     fs::permissions(container + "/requests", fs::perms::owner_all);  // as the extension makes it
     fs::permissions(container, mode);
     if (owner != 0 && (::geteuid() != 0 || ::chown(container.c_str(), owner, owner) != 0)) continue;
+    if (refusal.empty())
+      dir.write("container/host-app.log", std::string(300000, 'x') + "\n");  // to be trimmed
     auto run = runHost(container);
     if (!refusal.empty()) {
       EXPECT_EQ(run.exitCode, 1);
@@ -400,6 +402,7 @@ TEST(HostApp, RefusesAContainerNotTheUsersAloneAndKeepsItsOwnPrivate) {
       if ((entry.status().permissions() & ~allowed) != fs::perms::none) wider.push_back(entry.path());
     }
     EXPECT_EQ(fs::status(container).permissions(), fs::perms::owner_all);
+    EXPECT_LT(fs::file_size(container + "/host-app.log"), 140000u);
     EXPECT_EQ(wider, std::vector<std::string>{});
   }
 }

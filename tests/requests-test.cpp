@@ -344,6 +344,24 @@ TEST(RequestQueue, BigRequestsWriteLinearlyAndStarveNoSmallOne) {
   EXPECT_LT(bigDoneWhenSmall, 100000u);
 }
 
+// results/ keeps the last 30 days, or the last 1,000 documents, whichever is more.
+TEST(RequestQueue, KeepsAMonthOfResultsOrTheLastThousand) {
+  testing::TempDir dir;
+  LinuxPlatform platform({.container = dir.path()});
+  ScopedPlatform installed(platform);
+  auto documents = [&](const std::string& prefix, int count, int daysOld) {
+    for (int i = 0; i < count; ++i) {
+      std::filesystem::last_write_time(
+          dir.write("results/" + prefix + std::to_string(i) + ".json", "{}"),
+          std::filesystem::file_time_type::clock::now() - std::chrono::hours(24 * daysOld));
+    }
+    EXPECT_TRUE(FinderRequestQueue(dir.path(), {}).prepare().ok());
+    return std::distance(std::filesystem::directory_iterator(dir.file("results")), {});
+  };
+  EXPECT_EQ(documents("old", 5, 40), 5);        // fewer than 1,000: kept however old
+  EXPECT_EQ(documents("new", 1001, 29), 1001);  // a month's, more than 1,000: the old ones go
+}
+
 // The result document's decoder: as strict as the request's, with the status rules.
 TEST(ConversionResult, DecodesOnlyWhatItsEncoderCouldHaveWritten) {
   const FinderConversionResult mixed{"webp",

@@ -10,7 +10,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <exception>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <system_error>
@@ -26,6 +28,9 @@ namespace palvin {
 namespace {
 
 using Level = FinderLog::Level;
+
+// Result documents kept however old: the history `palvin-finder requests` shows.
+constexpr std::size_t kKeptResults = 1000;
 
 // Request documents are a few kilobytes; anything far larger is not one.
 constexpr std::size_t kMaxRequestSize = 16u << 20;
@@ -200,8 +205,8 @@ std::string FinderRequestQueue::journalPath(const std::string& name) const {
 }
 
 // This queue's own leftovers, by their name and owner: the temporary files of
-// result documents whose writer was killed, and journals of requests that are
-// gone.
+// result documents whose writer was killed, journals of requests that are
+// gone, and result documents past what is kept.
 void FinderRequestQueue::removeLeftovers() {
   auto each = [](const std::string& directory, auto&& visit) {
     if (DIR* dir = ::opendir(directory.c_str())) {
@@ -209,15 +214,31 @@ void FinderRequestQueue::removeLeftovers() {
       ::closedir(dir);
     }
   };
-  auto removeOwn = [this](const std::string& path) {
+  auto removeOwn = [this](const std::string& path, bool quietly = false) {
     struct stat info {};
-    if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) return;
-    if (::unlink(path.c_str()) == 0)
-      log(Level::info, "Removed " + path + ", left by an instance that stopped");
+    if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid()) return 0;
+    if (::unlink(path.c_str()) != 0) return 0;
+    if (!quietly) log(Level::info, "Removed " + path + ", left by an instance that stopped");
+    return 1;
   };
   each(results_, [&](const std::string& name) {
     if (name.starts_with(".") && name.ends_with(".tmp")) removeOwn(paths::join(results_, name));
   });
+  // Result documents: the last 30 days, or the last 1,000, whichever is more.
+  std::vector<std::pair<std::time_t, std::string>> documents;
+  each(results_, [&](const std::string& name) {
+    struct stat info {};
+    if (isRequestFileName(name) && ::lstat(paths::join(results_, name).c_str(), &info) == 0) {
+      documents.emplace_back(info.st_mtime, name);
+    }
+  });
+  std::sort(documents.begin(), documents.end(), std::greater<>());
+  const std::time_t monthAgo = std::time(nullptr) - 30 * 24 * 3600;
+  int pruned = 0;
+  for (std::size_t i = kKeptResults; i < documents.size(); ++i) {
+    if (documents[i].first < monthAgo) pruned += removeOwn(paths::join(results_, documents[i].second), true);
+  }
+  if (pruned > 0) log(Level::info, "Removed " + std::to_string(pruned) + " result document(s) past 30 days");
   std::set<std::string> kept;
   for (const std::string* directory : {&requests_, &processing_}) {
     auto names = listRequestFileNames(*directory);

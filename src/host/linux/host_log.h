@@ -28,7 +28,8 @@ class HostLog {
 // Appends `line` to the file at `path` in one write, creating the file. Several
 // processes append at once (O_APPEND); under an flock() a writer first looks at
 // the last byte, and when an earlier writer was killed mid-line it ends that
-// fragment with a line feed, so the new line is never glued to it.
+// fragment with a line feed, so the new line is never glued to it. Past 256
+// KiB the file keeps its last 128 KiB, as the extension's log does.
 Status appendWholeLine(const std::string& path, std::string_view line);
 
 }  // namespace palvin::host
