@@ -253,7 +253,8 @@ TEST(HostApp, ConvertsEveryFamilyRightAndRefusesWhatItMustNot) {
 // watches.
 TEST(HostApp, ThreeHundredKillsLeaveNoDuplicateNoLeftoverAndLoseNothing) {
   TempDir dir;
-  const std::string container = dir.file("container"), folder = dir.file("K");
+  const std::string container = dir.file("container"), folder = dir.file("K"),
+                    log = container + "/host-app.log";
   // Big enough that the 100 can't all be done between two kills.
   const std::string image = readText(writeImage(dir, "image.png", 1000, 750));
   for (int r = 0; r < 20; ++r) {
@@ -272,7 +273,14 @@ TEST(HostApp, ThreeHundredKillsLeaveNoDuplicateNoLeftoverAndLoseNothing) {
       return runHost(
           container, {}, [&](int p) { pid = p; }, args);
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 60));
+    // Once it is at work (it claimed or recovered a request, however slow its
+    // start), at a random moment.
+    auto working = [&] { return filesEndingIn(container + "/requests", ".json") + readText(log).size(); };
+    const auto before = working();
+    waitFor([&] {
+      return working() != before || run.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 40));
     ASSERT_NE(run.wait_for(std::chrono::seconds(0)), std::future_status::ready)
         << "all done after " << signals;
     ASSERT_TRUE(waitFor([&] { return pid != 0; }));
@@ -302,7 +310,7 @@ TEST(HostApp, ThreeHundredKillsLeaveNoDuplicateNoLeftoverAndLoseNothing) {
     }
   }
   EXPECT_EQ(left, std::vector<std::string>{});
-  EXPECT_NE(readText(container + "/host-app.log").find("[WARN] Recovered request "), std::string::npos);
+  EXPECT_NE(readText(log).find("[WARN] Recovered request "), std::string::npos);
 }
 
 // Another user who can write in the source's folder swaps the names there
