@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <future>
+#include <random>
 #include <regex>
 #include <thread>
 #include <vips/vips8>
@@ -200,6 +201,7 @@ TEST(HostApp, ConvertsEveryFamilyRightAndRefusesWhatItMustNot) {
       {"a relative path", "Logo/logo.png", "png", "webp", "", "not an absolute path", ""},
       {"a NUL byte", logo + std::string(1, '\0') + "x", "png", "webp", "", "the path holds a NUL byte", ""},
       {"a conversion not in the table", logo, "mp3", "webp", "", "this host app does not convert mp3 to webp", ""},
+      {"truncated, once more", corrupt, "png", "webp", "", "read error", ""},
   };
   // clang-format on
   ASSERT_EQ(std::count(pdftotext.begin(), pdftotext.end(), '\f'), 3) << pdftotext;
@@ -214,8 +216,9 @@ TEST(HostApp, ConvertsEveryFamilyRightAndRefusesWhatItMustNot) {
   auto run = runHost(container, {desktop.env()});
   ASSERT_EQ(run.exitCode, 0) << run.err;
   auto outcomes = desktop.notices();
-  std::erase_if(outcomes,
-                [](const auto& notice) { return !notice.actions.empty(); });  // progress, with a Cancel
+  std::erase_if(outcomes, [](const auto& notice) {  // progress, with a Cancel, and bad.json's
+    return !notice.actions.empty() || notice.summary == "A conversion request was rejected";
+  });
   ASSERT_EQ(outcomes.size(), rows.size());
   for (std::size_t i = 0; i < rows.size(); ++i) {
     const Row& row = rows[i];
@@ -228,6 +231,9 @@ TEST(HostApp, ConvertsEveryFamilyRightAndRefusesWhatItMustNot) {
     EXPECT_TRUE(row.summary.empty() || outcomes[i].summary == row.summary)
         << row.what << ": " << outcomes[i].summary;
   }
+  // Each file's reason is its own: libvips' messages don't pile up.
+  EXPECT_EQ(resultOf(container, name(rows.size() - 1)).files.at(0).error,
+            resultOf(container, name(10)).files.at(0).error);
   EXPECT_EQ(outcomes[3].body, "torn &amp; broken.png: " + resultOf(container, name(3)).files.at(1).error);
   EXPECT_EQ(filesEndingIn(files, ".tmp") + filesEndingIn(files, ".webp"), 0u);
   EXPECT_EQ(readText(container + "/requests/failed/bad.json"), R"({"targetFormatId":1,"files":[]})");
@@ -256,73 +262,253 @@ TEST(HostApp, RefusesAnIdleExitItCannotKeep) {
   EXPECT_EQ(runHost(dir.file("container"), {}, {}, {"--idle-exit", "5"}).exitCode, 2);  // without --watch
 }
 
-std::string requestOfImages(const TempDir& dir, const std::string& folder, int count) {
-  FinderConversionRequest request{"webp", {}};
-  for (int i = 0; i < count; ++i) {
-    request.files.push_back({writeImage(dir, folder + "/" + std::to_string(i) + ".png", 600, 450), "png"});
+// 300 signals at random moments while 20 requests of 5 images convert, then
+// two instances racing to finish: every request has its result, every source
+// exactly one output that decodes, and nothing temporary is left anywhere.
+// Every tenth signal is a SIGTERM, which returns the request under way; the
+// rest are SIGKILLs, whose claims a later run recovers. Every third run
+// watches.
+TEST(HostApp, ThreeHundredKillsLeaveNoDuplicateNoLeftoverAndLoseNothing) {
+  TempDir dir;
+  const std::string container = dir.file("container"), folder = dir.file("K"),
+                    log = container + "/host-app.log";
+  // Big enough that the 100 can't all be done between two kills.
+  const std::string image = readText(writeImage(dir, "image.png", 1000, 750));
+  for (int r = 0; r < 20; ++r) {
+    FinderConversionRequest request{"webp", {}};
+    for (int i = r * 5; i < r * 5 + 5; ++i)
+      request.files.push_back({dir.write("K/" + std::to_string(i) + ".png", image), "png"});
+    dir.write("container/requests/" + std::to_string(r) + ".json", *request.encode());
   }
-  return *request.encode();
+  std::mt19937 random(2211);
+  for (int signals = 0; signals < 300; ++signals) {
+    std::atomic<int> pid{0};
+    const bool term = signals % 10 == 9;
+    const std::vector<std::string> args =
+        signals % 3 == 0 ? std::vector<std::string>{"--watch"} : std::vector<std::string>{};
+    auto run = std::async(std::launch::async, [&] {
+      return runHost(
+          container, {}, [&](int p) { pid = p; }, args);
+    });
+    // Once it is at work (it claimed or recovered a request, however slow its
+    // start), at a random moment.
+    auto working = [&] { return filesEndingIn(container + "/requests", ".json") + readText(log).size(); };
+    const auto before = working();
+    waitFor([&] {
+      return working() != before || run.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 40));
+    ASSERT_NE(run.wait_for(std::chrono::seconds(0)), std::future_status::ready)
+        << "all done after " << signals;
+    ASSERT_TRUE(waitFor([&] { return pid != 0; }));
+    ::kill(pid, term ? SIGTERM : SIGKILL);
+    // A SIGTERM before the handler is set (nothing claimed yet) ends it at once.
+    const int code = run.get().exitCode;
+    ASSERT_TRUE(code == (term ? 0 : 128 + SIGKILL) || (term && code == 128 + SIGTERM)) << code;
+  }
+  // The instance the systemd path unit starts (watching, leaving when idle)
+  // and the one the extension starts (leaving once nothing is left) finish.
+  auto service = std::async(std::launch::async,
+                            [&] { return runHost(container, {}, {}, {"--watch", "--idle-exit", "1"}); });
+  ASSERT_EQ(runHost(container).exitCode, 0);
+  ASSERT_EQ(service.get().exitCode, 0);
+  std::vector<std::string> wrong, left;
+  for (int i = 0; i < 100; ++i) {
+    const auto result = resultOf(container, std::to_string(i / 5) + ".json");
+    const std::string expected = folder + "/" + std::to_string(i) + ".webp";
+    if (result.files.size() != 5 || result.files[i % 5].outputPath != expected ||
+        !looks(expected).starts_with("webpload 1000x750 ")) {
+      wrong.push_back(std::to_string(i));
+    }
+  }
+  EXPECT_EQ(wrong, std::vector<std::string>{});
+  EXPECT_EQ(filesEndingIn(folder, ".webp"), 100u);  // no "<i> 2.webp"
+  for (const std::string& place : {folder, container + "/results", container + "/requests/processing"}) {
+    for (const auto& entry : fs::directory_iterator(place)) {
+      if (entry.path().filename().string().starts_with(".") || place.ends_with("processing"))
+        left.push_back(entry.path());
+    }
+  }
+  EXPECT_EQ(left, std::vector<std::string>{});
+  EXPECT_NE(readText(log).find("[WARN] Recovered request "), std::string::npos);
+  EXPECT_NE(readText(log).find("[INFO] Idle for 1 s, exiting"), std::string::npos);
 }
 
-// Killed with SIGKILL mid-request, stopped with SIGTERM mid-request, or racing
-// another instance: every file ends up converted exactly once.
-TEST(HostApp, KilledOrStoppedInstancesLoseNothing) {
+// Another user who can write in the source's folder swaps the names there
+// for links to the user's private file while the host app, stopped by its
+// test seam, has its output open; or the host app is killed right after
+// publishing an output. The private file stays untouched, the output is a
+// file of its own no wider than its 0600 source, and there is at most one. A
+// named scratch file that was swapped is dropped, not linked.
+TEST(HostApp, NoSwappedNameIsFollowedAndNoKillMakesASecondOutput) {
+  // clang-format off
+  const std::vector<std::tuple<std::string, bool, std::string>> rows = {  // seam, killed there (else names swapped), output
+      {"before-write", false, "x 2.webp"}, {"before-write,named-scratch", false, ""}, {"after-publish", true, "x.webp"}};
+  // clang-format on
+  for (const auto& [seam, killed, output] : rows) {
+    TempDir dir;
+    const std::string container = dir.file("container"), shared = dir.file("Shared");
+    const std::string secret = dir.write("home/.secret", "the user's own"),
+                      source = writeLogo(dir, "Shared/x.png");
+    fs::permissions(source, fs::perms::owner_read | fs::perms::owner_write);
+    dir.write("container/requests/r.json", *FinderConversionRequest{"webp", {{source, "png"}}}.encode());
+    std::atomic<int> pid{0};
+    auto run = std::async(std::launch::async, [&, seam = seam] {
+      return runHost(container, {"PALVIN_HOST_TEST_SEAM=" + seam}, [&](int p) { pid = p; });
+    });
+    ASSERT_TRUE(waitFor([&] {
+      const std::string stat = pid ? readText("/proc/" + std::to_string(pid) + "/stat") : "";
+      return stat.find(") T ") != std::string::npos;
+    })) << seam;
+    if (killed) {
+      ::kill(pid, SIGKILL);
+      run.get();
+      ASSERT_EQ(runHost(container).exitCode, 0);
+    } else {
+      for (const auto& entry : fs::directory_iterator(shared)) {
+        if (!entry.path().filename().string().starts_with(".palvin-")) continue;
+        fs::remove(entry.path());
+        fs::create_symlink(secret, entry.path());
+      }
+      fs::create_symlink(secret, shared + "/x.webp");
+      ::kill(pid, SIGCONT);
+      ASSERT_EQ(run.get().exitCode, 0);
+    }
+    EXPECT_EQ(readText(secret), "the user's own") << seam;
+    EXPECT_EQ(filesEndingIn(shared, ".tmp"), output.empty() ? 1u : 0u) << seam;  // the attacker's link alone
+    const auto file = resultOf(container, "r.json").files.at(0);
+    if (output.empty()) {
+      EXPECT_NE(file.error.find(" was replaced meanwhile"), std::string::npos) << file.error;
+      continue;
+    }
+    ASSERT_EQ(file.status, Status::converted) << seam << file.error;
+    EXPECT_EQ(file.outputPath, shared + "/" + output);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(file.outputPath)));
+    EXPECT_EQ(looks(file.outputPath), "webpload 64x48 clear|red");
+    EXPECT_EQ(fs::status(file.outputPath).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(filesEndingIn(shared, ".webp"), killed ? 1u : 2u) << seam;  // with the attacker's link
+  }
+}
+
+// A container that another user can change, or that is another user's, is
+// refused before anything in it is read or written; the user's own is made
+// private, with everything the host app writes in it.
+TEST(HostApp, RefusesAContainerNotTheUsersAloneAndKeepsItsOwnPrivate) {
+  // clang-format off
+  const std::vector<std::tuple<fs::perms, uid_t, std::string>> rows = {  // mode, owner, refusal
+      {fs::perms(0770), 0, "others can write in it (mode 0770)"},
+      {fs::perms(01777), 0, "others can write in it (mode 1777)"},
+      {fs::perms(0700), 65534, "it belongs to user 65534, not to you"},
+      {fs::perms(0755), 0, ""},
+  };
+  // clang-format on
+  for (const auto& [mode, owner, refusal] : rows) {
+    TempDir dir;
+    const std::string container = dir.file("container");
+    dir.write("container/requests/a.json",
+              *FinderConversionRequest{"webp", {{writeLogo(dir, "a.png"), "png"}}}.encode());
+    fs::permissions(container + "/requests", fs::perms::owner_all);  // as the extension makes it
+    fs::permissions(container, mode);
+    if (owner != 0 && (::geteuid() != 0 || ::chown(container.c_str(), owner, owner) != 0)) continue;
+    if (refusal.empty())
+      dir.write("container/host-app.log", std::string(300000, 'x') + "\n");  // to be trimmed
+    auto run = runHost(container);
+    if (!refusal.empty()) {
+      EXPECT_EQ(run.exitCode, 1);
+      EXPECT_NE(
+          run.err.find("Bad owner or permissions on the shared container " + container + ": " + refusal),
+          std::string::npos)
+          << run.err;
+      EXPECT_EQ(std::vector<fs::path>(fs::directory_iterator(container), {}),
+                std::vector<fs::path>{container + "/requests"});
+      continue;
+    }
+    EXPECT_EQ(resultOf(container, "a.json").count(Status::converted), 1u);
+    std::vector<std::string> wider;
+    for (const auto& entry : fs::recursive_directory_iterator(container)) {
+      const auto allowed = entry.is_directory() ? fs::perms::owner_all : fs::perms(0600);
+      if ((entry.status().permissions() & ~allowed) != fs::perms::none) wider.push_back(entry.path());
+    }
+    EXPECT_EQ(fs::status(container).permissions(), fs::perms::owner_all);
+    EXPECT_LT(fs::file_size(container + "/host-app.log"), 140000u);
+    EXPECT_EQ(wider, std::vector<std::string>{});
+  }
+}
+
+// Requests that can't be read are moved aside once, each with a result
+// document the tool lists and a notice; a path that is not UTF-8 fails alone;
+// a request's long name costs its files nothing.
+TEST(HostApp, RejectedRequestsAreShownAndBadPathsFailAlone) {
+  TempDir dir, elsewhere;
+  testing::NotificationService desktop;
+  const std::string container = dir.file("container"), logo = writeLogo(dir, "Logo/logo.png");
+  const std::string good = *FinderConversionRequest{"webp", {{logo, "png"}}}.encode();
+  std::string mixed = *FinderConversionRequest{"jpeg", {{logo, "png"}, {"/a/NOT-UTF8.png", "png"}}}.encode();
+  mixed.replace(mixed.find("NOT-UTF8"), 8, "\xFF\xFE");
+  dir.write("container/requests/bad.json", "{\"targetFormatId\":");
+  fs::create_symlink(elsewhere.write("real.json", good), container + "/requests/link.json");
+  dir.write("container/requests/mixed.json", mixed);
+  const std::string longName = std::string(250, 'L') + ".json";
+  dir.write("container/requests/" + longName, good);
+  // The named scratch files of file systems without unnamed ones, whose names could grow too long.
+  for (int run = 0; run < 2; ++run)
+    ASSERT_EQ(runHost(container, {desktop.env(), "PALVIN_HOST_TEST_SEAM=named-scratch"}).exitCode, 0);
+
+  const auto files = resultOf(container, "mixed.json").files;
+  EXPECT_EQ(files.at(0).outputPath, dir.file("Logo/logo.jpg"));
+  EXPECT_EQ(files.at(1).error, "the path is not valid UTF-8");
+  EXPECT_EQ(resultOf(container, longName).files.at(0).outputPath, dir.file("Logo/logo.webp"));
+  EXPECT_TRUE(fs::is_symlink(container + "/requests/failed/link.json"));
+  EXPECT_EQ(readText(elsewhere.file("real.json")), good);
+  std::vector<std::string> rejected;
+  for (const auto& notice : desktop.notices()) {
+    if (notice.summary == "A conversion request was rejected") rejected.push_back(notice.body);
+  }
+  EXPECT_EQ(rejected, (std::vector<std::string>{"bad.json: " + resultOf(container, "bad.json").rejected,
+                                                "link.json: a symbolic link, not a request file"}));
+  // Once each, over two runs, and listed.
+  const std::string listing = testing::runTool({"requests", "--container", container}, {"NO_COLOR=1"}).out;
+  EXPECT_TRUE(listing.find("  rejected: a symbolic link, not a request file\n") != std::string::npos &&
+              listing.find("  rejected: " + resultOf(container, "bad.json").rejected + "\n") !=
+                  std::string::npos)
+      << listing;
+}
+
+// On a container whose disk is full (a 1 MiB tmpfs in a mount namespace of
+// the test's own), a request whose result can't be recorded stays claimable,
+// the failure is logged (host-app.log, or standard error and the journal),
+// and the request is converted once there is room again.
+TEST(HostApp, AFullDiskLosesNoRequest) {
   TempDir dir;
-  const std::string container = dir.file("container"), requests = container + "/requests";
-  dir.write("container/requests/Killed.json", requestOfImages(dir, "Killed", 40));
-  std::atomic<int> pid{0};
-  auto killed =
-      std::async(std::launch::async, [&] { return runHost(container, {}, [&](int p) { pid = p; }); });
-  ASSERT_TRUE(waitFor([&] { return resultOf(container, "Killed.json").count(Status::converted) > 0; }));
-  ::kill(pid, SIGKILL);
-  EXPECT_EQ(killed.get().exitCode, 128 + SIGKILL);
-  ASSERT_TRUE(fs::exists(requests + "/processing/Killed.json"));
-
-  // A watching instance takes the abandoned claim over, then one that arrives.
-  auto watching = std::async(std::launch::async,
-                             [&] { return runHost(container, {}, [&](int p) { pid = p; }, {"--watch"}); });
-  ASSERT_TRUE(waitFor([&] { return resultOf(container, "Killed.json").count(Status::pending) == 0; }));
-  fs::rename(dir.write("container/.stopped", requestOfImages(dir, "Stopped", 40)),
-             requests + "/Stopped.json");
-  ASSERT_TRUE(waitFor([&] { return resultOf(container, "Stopped.json").count(Status::converted) > 0; }));
-  ::kill(pid, SIGTERM);
-  EXPECT_EQ(watching.get().exitCode, 0);
-  EXPECT_TRUE(fs::exists(requests + "/Stopped.json"));  // returned unfinished
-  EXPECT_GT(resultOf(container, "Stopped.json").count(Status::pending), 0u);
-
-  // The instance the systemd path unit starts (watching, leaving when idle)
-  // and the one the extension starts (leaving once nothing is left) finish
-  // it and take twenty more, each exactly once.
-  for (int i = 0; i < 20; ++i)
-    dir.write("container/requests/Race" + std::to_string(i) + ".json",
-              requestOfImages(dir, "Race" + std::to_string(i), 1));
-  auto service = std::async(std::launch::async, [&] {
-    return runHost(container, {}, [&](int p) { pid = p; }, {"--watch", "--idle-exit", "1"});
-  });
-  EXPECT_EQ(runHost(container).exitCode, 0);
-  if (service.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
-    ::kill(pid, SIGKILL);
-    ADD_FAILURE() << "the watching instance did not leave when idle";
-  }
-  EXPECT_EQ(service.get().exitCode, 0);
-  for (int i = 0; i < 20; ++i)
-    EXPECT_EQ(filesEndingIn(dir.file("Race" + std::to_string(i)), ".webp"), 1u) << "Race" << i;
-  for (const std::string folder : {"Killed", "Stopped", "Race0", "Race19"}) {
-    auto result = resultOf(container, folder + ".json");
-    EXPECT_EQ(result.count(Status::converted), result.files.size()) << folder;
-    for (const auto& file : result.files)
-      EXPECT_TRUE(looks(file.outputPath).starts_with("webpload 600x450 "));
-    EXPECT_EQ(filesEndingIn(dir.file(folder), ".tmp"), 0u);
-  }
-  // A stop converts nothing twice (only a SIGKILL between an output's rename
-  // and its record could).
-  EXPECT_EQ(filesEndingIn(dir.file("Stopped"), ".webp"), 40u);
-  EXPECT_TRUE(fs::is_empty(requests + "/processing"));
-  // A result written when the SIGKILL came may leave its temporary file.
-  EXPECT_EQ(filesEndingIn(container + "/results", ".json"), 22u);
-  const std::string log = readText(container + "/host-app.log");
-  EXPECT_NE(log.find("[WARN] Recovered request Killed.json"), std::string::npos);
-  EXPECT_NE(log.find("[INFO] Idle for 1 s, exiting"), std::string::npos);
+  const std::string container = dir.file("container");
+  fs::create_directories(container);
+  const std::string request =
+      dir.write("r.json", *FinderConversionRequest{"webp", {{writeLogo(dir, "logo.png"), "png"}}}.encode());
+  // Set up, fill the disk, run, show; make room, run, show.
+  const std::string script = R"(set -e; C="$1"; mount -t tmpfs -o size=1m,mode=0700 tmpfs "$C"; "$2"
+    cp "$3" "$C/requests/r.json"; dd if=/dev/zero of="$C/filler" bs=4k 2>/dev/null || true
+    "$2"; cat "$C/host-app.log"; echo; ls "$C/requests" "$C/results"; rm "$C/filler"; "$2"; cat "$C/results/r.json")";
+  auto run = testing::runProgram("/usr/bin/unshare",
+                                 {::geteuid() == 0 ? "-m" : "-rm", "--propagation", "private", "sh", "-c",
+                                  script, "sh", container, PALVIN_HOST_APP_PATH, request},
+                                 {"PALVIN_SHARED_CONTAINER=" + container, "-DBUS_SESSION_BUS_ADDRESS"});
+  if (run.err.find("mount: ") != std::string::npos || run.err.find("unshare: ") != std::string::npos)
+    GTEST_SKIP() << "no private tmpfs here: " << run.err;
+  ASSERT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_NE((run.out + run.err)
+                .find("Cannot write result: " + container + "/results/r.json: No space left on device"),
+            std::string::npos)
+      << run.err << run.out;
+  // Still waiting in requests/, nothing in results/, then converted.
+  EXPECT_NE(run.out.find("\n" + container + "/requests:\nfailed\nprocessing\nr.json\n\n" + container +
+                         "/results:\n{"),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("\"status\":\"converted\",\"outputPath\":\"" +
+                         std::regex_replace(dir.file("logo.webp"), std::regex("/"), "\\/")),
+            std::string::npos)
+      << run.out;
 }
 
 // "Open to set up" starts the host app with --activate: it replaces a

@@ -282,6 +282,86 @@ TEST(RequestQueue, ConvertsInParallelLeavesHeldClaimsAndResumesStoppedRequests) 
               !std::filesystem::exists(dir.file("requests/d.json")));
 }
 
+// What this process has written so far, by every thread's write calls.
+std::uint64_t bytesWritten() {
+  const std::string io = readText("/proc/self/io");
+  return std::stoull(io.substr(io.find("wchar: ") + 7));
+}
+
+// Result writing grows linearly with a request (per file, 8,000 files cost
+// what 1,000 do, and a few times the final document in all), and a one-file
+// request queued behind a 100,000-file one is done while that one still runs,
+// its reason cut to a kilobyte of valid UTF-8.
+TEST(RequestQueue, BigRequestsWriteLinearlyAndStarveNoSmallOne) {
+  testing::TempDir dir;
+  LinuxPlatform platform({.container = dir.path()});
+  ScopedPlatform installed(platform);
+  auto missing = [&](const std::string& name, int count) {
+    FinderConversionRequest big{"webp", {}};
+    for (int i = 0; i < count; ++i)
+      big.files.push_back({"/missing/folder/" + std::to_string(i) + ".png", "png"});
+    dir.write("requests/" + name, *big.encode());
+  };
+  std::atomic<std::size_t> bigDone{0};
+  std::size_t bigDoneWhenSmall = 0;
+  FinderRequestQueue queue(
+      dir.path(), {.convert =
+                       [&](const FinderFileTask& task, const std::atomic<bool>&) {
+                         if (task.requestName == "small.json") {
+                           bigDoneWhenSmall = bigDone.load();
+                           // A reason too long, and not UTF-8.
+                           return FinderFileResult{{}, Status::failed, {}, std::string(5000, '\xFF')};
+                         } else {
+                           ++bigDone;
+                         }
+                         return FinderFileResult{{}, Status::failed, {}, "gone"};
+                       },
+                   .parallelism = 2,
+                   .slice = std::chrono::milliseconds(20)});
+  ASSERT_TRUE(queue.prepare().ok());
+  double perFile[2];
+  for (int i : {0, 1}) {
+    const int files = i == 0 ? 1000 : 8000;
+    missing("r" + std::to_string(files) + ".json", files);
+    const auto before = bytesWritten();
+    EXPECT_EQ(queue.processPending(), 1u);
+    const auto written = bytesWritten() - before;
+    EXPECT_LT(written,
+              48 * std::filesystem::file_size(dir.file("results/r" + std::to_string(files) + ".json")));
+    perFile[i] = static_cast<double>(written) / files;
+  }
+  EXPECT_LT(perFile[1], 1.5 * perFile[0]) << perFile[0] << " bytes a file for 1,000 files";
+
+  missing("big.json", 100000);
+  bigDone = 0;
+  dir.write("requests/small.json", *request('s', 1).encode());
+  EXPECT_EQ(queue.processPending(), 2u);
+  EXPECT_EQ(FinderConversionResult::decode(readText(dir.file("results/big.json")))->count(Status::failed),
+            100000u);
+  EXPECT_EQ(FinderConversionResult::decode(readText(dir.file("results/small.json")))->files.at(0).error,
+            std::string(1024, '?') + "\xE2\x80\xA6");
+  EXPECT_GT(bigDoneWhenSmall, 0u);
+  EXPECT_LT(bigDoneWhenSmall, 100000u);
+}
+
+// results/ keeps the last 30 days, or the last 1,000 documents, whichever is more.
+TEST(RequestQueue, KeepsAMonthOfResultsOrTheLastThousand) {
+  testing::TempDir dir;
+  LinuxPlatform platform({.container = dir.path()});
+  ScopedPlatform installed(platform);
+  auto documents = [&](const std::string& prefix, int count, int daysOld) {
+    for (int i = 0; i < count; ++i) {
+      std::filesystem::last_write_time(
+          dir.write("results/" + prefix + std::to_string(i) + ".json", "{}"),
+          std::filesystem::file_time_type::clock::now() - std::chrono::hours(24 * daysOld));
+    }
+    EXPECT_TRUE(FinderRequestQueue(dir.path(), {}).prepare().ok());
+    return std::distance(std::filesystem::directory_iterator(dir.file("results")), {});
+  };
+  EXPECT_EQ(documents("old", 5, 40), 5);        // fewer than 1,000: kept however old
+  EXPECT_EQ(documents("new", 1001, 29), 1001);  // a month's, more than 1,000: the old ones go
+}
+
 // The result document's decoder: as strict as the request's, with the status rules.
 TEST(ConversionResult, DecodesOnlyWhatItsEncoderCouldHaveWritten) {
   const FinderConversionResult mixed{"webp",

@@ -145,24 +145,6 @@ class LinuxWritableFile : public WritableFile {
   std::string path_;
 };
 
-unsigned readUmask() {
-  // /proc tells the mask without changing it; the umask() round trip is a
-  // last resort, as another thread creating a file in between would get 0.
-  auto status = readFile("/proc/self/status", 1 << 20);
-  if (status.ok()) {
-    auto at = status->find("\nUmask:");
-    if (at != std::string::npos) {
-      const char* text = status->c_str() + at + 7;
-      char* end = nullptr;
-      unsigned long mask = std::strtoul(text, &end, 8);
-      if (end != text) return static_cast<unsigned>(mask & 0777);
-    }
-  }
-  mode_t mask = ::umask(022);
-  ::umask(mask);
-  return static_cast<unsigned>(mask);
-}
-
 }  // namespace
 
 std::string describe(std::string_view path, int errnum) {
@@ -171,11 +153,6 @@ std::string describe(std::string_view path, int errnum) {
   out += ": ";
   out += errorText(strerror_r(errnum, buffer, sizeof buffer), buffer);
   return out;
-}
-
-unsigned processUmask() {
-  static const unsigned mask = readUmask();
-  return mask;
 }
 
 Result<ModificationDate> modificationDate(const std::string& path) {
@@ -260,10 +237,9 @@ Status writeFileAtomically(const std::string& path, std::string_view bytes) {
     ::unlink(temporary.c_str());
     return Error{describe(path, err)};
   };
+  // mkostemps makes the file 0600, which it keeps: everything written here
+  // lies in the shared container, which is the user's alone.
   if (int err = writeAll(fd.get(), bytes)) return fail(err);
-  // mkostemps makes the file 0600; request files must be readable like any
-  // file the user creates.
-  if (::fchmod(fd.get(), static_cast<mode_t>(0666 & ~processUmask())) != 0) return fail(errno);
   if (int err = fd.close()) return fail(err);
   if (::rename(temporary.c_str(), path.c_str()) != 0) return fail(errno);
   return success();
@@ -278,9 +254,10 @@ Status createDirectories(const std::string& path) {
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     if (path[slash - 1] == '/') continue;
     std::string ancestor = path.substr(0, slash);
-    if (::mkdir(ancestor.c_str(), 0777) != 0 && errno != EEXIST && ancestorError == 0) ancestorError = errno;
+    if (::mkdir(ancestor.c_str(), 0700) != 0 && errno != EEXIST && ancestorError == 0) ancestorError = errno;
   }
-  if (::mkdir(path.c_str(), 0777) == 0) return success();
+  // Private, like the container they are made for.
+  if (::mkdir(path.c_str(), 0700) == 0) return success();
   int err = errno;
   if (err == EEXIST) {
     if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return success();

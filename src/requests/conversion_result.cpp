@@ -64,7 +64,12 @@ Result<std::string> FinderConversionResult::encode() const {
     }
     out.push_back('}');
   }
-  out += "]}";
+  out += ']';
+  if (!rejected.empty()) {
+    out += ",\"status\":\"rejected\"";
+    if (!appendMember(out, "error", rejected)) return Error{"error is not valid UTF-8"};
+  }
+  out += '}';
   return out;
 }
 
@@ -84,6 +89,15 @@ Result<FinderConversionResult> FinderConversionResult::decode(std::string_view b
   simdjson::dom::array list;
   if (filesValue.get(list) != simdjson::SUCCESS) return wrongType("files", "array", filesValue);
 
+  simdjson::dom::element status;
+  if (lastMember(top, "status", status)) {
+    std::string_view text;
+    if (status.get(text) != simdjson::SUCCESS || text != "rejected") {
+      return Error{"status: expected \"rejected\""};
+    }
+    if (auto read = readString(top, "error", "error", result.rejected); !read) return Error{read.error()};
+    if (result.rejected.empty()) return Error{"error: empty"};
+  }
   std::size_t index = 0;
   for (auto item : list) {
     const std::string at = "files[" + std::to_string(index++) + "]";

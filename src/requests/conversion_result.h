@@ -8,7 +8,9 @@
 //     {"path":"\/a\/broken.png","status":"failed","error":"..."},
 //     {"path":"\/a\/later.png","status":"pending"}]}
 //
-// "cancelled" marks a file the user's Cancel stopped or never let start.
+// "cancelled" marks a file the user's Cancel stopped or never let start. A
+// request that could not be read at all gets a document of its own with no
+// files, "status":"rejected" and the reason in "error".
 //
 // One entry per file of the request, in the request's order. Compact, slashes
 // escaped and non-ASCII raw, like the request document.
@@ -37,6 +39,7 @@ struct FinderFileResult {
 struct FinderConversionResult {
   std::string targetFormatId;
   std::vector<FinderFileResult> files;
+  std::string rejected{};  // why the whole request was refused; empty when it was read
   bool operator==(const FinderConversionResult&) const = default;
 
   // Writes "outputPath" only for converted files and "error" only for failed

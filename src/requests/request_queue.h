@@ -9,12 +9,23 @@
 //            the claiming process dies, however it dies;
 //   recover  a file in processing/ that nobody holds locked was left by an
 //            instance that died: it is taken over, lock first;
-//   decode   a request that does not decode is moved to requests/failed/
-//            (never deleted) and logged;
+//   decode   a request that does not decode, or is no regular file, is moved
+//            to requests/failed/ (never deleted), logged, and gets a result
+//            document "rejected" with the reason; a path that is not UTF-8
+//            fails only its own file;
 //   act      the caller's converter is called once per file, in parallel up
-//            to `parallelism` files at a time; "results/<name>" records each
-//            file's outcome as it comes (FinderConversionResult);
-//   remove   once every file has its outcome, the claimed file is deleted.
+//            to `parallelism` files at a time; each file's outcome, and the
+//            output it is about to publish, is appended as it comes to a
+//            journal, processing/<stem>.journal; the result document
+//            "results/<name>" (FinderConversionResult) is written whole at the
+//            start, after every 1/32 of the files and at the end, so that
+//            its writing grows linearly with the request;
+//   share    a request that has run for a slice while others wait goes back
+//            to requests/ and resumes after them, so that a small request
+//            is not starved by a big one;
+//   remove   once every file has its outcome and the document is written,
+//            the journal and the claimed file are deleted. A document that
+//            can't be written (a full disk) leaves the request claimable.
 //
 // requestStop() (SIGTERM) lets files under way finish (or cancel, as the
 // converter decides), starts no new ones, and puts an unfinished request back
@@ -25,6 +36,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <mutex>
@@ -48,6 +60,12 @@ struct FinderFileTask {
   std::size_t index = 0;
   FinderFileRef file;
   std::string targetFormatId;
+  // Called by a converter just before it gives its output the name
+  // `outputPath`, with the output's identity ("<device>:<inode>"): the queue
+  // records both, so that an instance killed between the two finds the output
+  // and does not make a second one. False when it could not be recorded: the
+  // output must not be published then.
+  std::function<bool(const std::string& outputPath, const std::string& identity)> announce{};
 };
 
 class FinderRequestQueue {
@@ -66,19 +84,26 @@ class FinderRequestQueue {
 
   struct Options {
     Converter convert;
-    Logger log;
+    Logger log{};
     Finished finished{};
     Progress progress{};
     unsigned parallelism = 1;
+    // How long a request runs while others wait before it makes way for
+    // them: it goes back to requests/ and resumes after them.
+    std::chrono::milliseconds slice{2000};
   };
 
   FinderRequestQueue(std::string containerRoot, Options options);
+  ~FinderRequestQueue();
+  FinderRequestQueue(const FinderRequestQueue&) = delete;
+  FinderRequestQueue& operator=(const FinderRequestQueue&) = delete;
 
   const std::string& requestsDirectory() const { return requests_; }
   const std::string& processingDirectory() const { return processing_; }
   const std::string& resultsDirectory() const { return results_; }
 
-  // Creates requests/, requests/processing/, requests/failed/ and results/.
+  // Creates requests/, requests/processing/, requests/failed/ and results/;
+  // the first instance to start removes what killed ones left there.
   Status prepare();
 
   // Recovers abandoned claims, then claims and handles waiting requests,
@@ -104,12 +129,17 @@ class FinderRequestQueue {
   struct Claim;
   bool recoverAbandoned(std::size_t& handled, std::set<std::string>& seen);
   bool claim(const std::string& name, Claim& out);
-  void handle(Claim& claim);
-  void setAside(const Claim& claim, const std::string& reason);
+  // False when the request made way for others and waits in requests/ again.
+  bool handle(Claim& claim);
+  void setAside(const std::string& name, const std::string& from, const std::string& reason);
   void convertFiles(const std::string& name, const FinderConversionRequest& request,
                     FinderConversionResult& result);
+  bool othersWaiting() const;
   FinderConversionResult priorResult(const std::string& name, const FinderConversionRequest& request);
-  void record(const std::string& name, const FinderConversionResult& result);
+  bool record(const std::string& name, const FinderConversionResult& result);
+  std::string journalPath(const std::string& name) const;
+  bool journal(const std::string& line);
+  void removeLeftovers();
   void log(FinderLog::Level level, const std::string& message) const;
 
   std::string requests_;
@@ -123,6 +153,9 @@ class FinderRequestQueue {
   std::mutex underWayMutex_;
   std::string underWay_;  // the request being converted, empty between requests
   bool cancelled_ = false;
+  int instances_ = -1;  // held shared while this queue lives
+  int journal_ = -1;    // the request under way's journal, appended under journalMutex_
+  std::mutex journalMutex_;
 };
 
 }  // namespace palvin

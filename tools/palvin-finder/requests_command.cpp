@@ -98,6 +98,10 @@ bool printResult(const Style& style, const std::string& directory, const Request
   auto result = printHeading<FinderConversionResult>(style, directory, file);
   if (!result) return false;
   using Status = FinderFileResult::Status;
+  if (!result->rejected.empty()) {
+    std::cout << "  " << style.red("rejected") << ": " << json::toValidUtf8(result->rejected) << '\n';
+    return true;
+  }
   const std::size_t pending = result->count(Status::pending), cancelled = result->count(Status::cancelled);
   std::cout << "  to " << style.cyan(json::toValidUtf8(result->targetFormatId)) << ": ";
   if (underWay && pending > 0) {

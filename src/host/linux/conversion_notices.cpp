@@ -169,6 +169,15 @@ void ConversionNotices::closed(std::uint32_t id) {
 }
 
 void ConversionNotices::finished(const std::string& request, const FinderConversionResult& result) {
+  if (!result.rejected.empty()) {
+    // A request that can't be read says so, or the user waits for nothing.
+    show({"A conversion request was rejected",
+          request + ": " + result.rejected,
+          "dialog-error",
+          {},
+          "transfer.error"});
+    return;
+  }
   const Format* format = table_.format(result.targetFormatId);
   std::size_t converted = result.count(FileStatus::converted), failed = result.count(FileStatus::failed);
   Notice notice{

@@ -57,15 +57,15 @@ std::string findProgram(std::string_view program);
 // Progress of one file, 0 to 1, as far as the engine can tell.
 using Progress = std::function<void(double fraction)>;
 
-// Engines: each writes the converted `source` to `output`, an existing empty
-// file, or says why it can't. `stopping` asks a long conversion to give up.
-Status convertImage(const std::string& source, const Format& target, const std::string& output,
+// Engines: each writes the converted `source` through `output`, a descriptor
+// of an empty file open for reading and writing (never reopened by name), or
+// says why it can't. `stopping` asks a long conversion to give up.
+Status convertImage(const std::string& source, const Format& target, int output,
                     const std::atomic<bool>& stopping);
 Status convertMedia(const std::string& ffmpeg, const std::string& source, const Format& sourceFormat,
-                    const Format& target, const std::string& output, const std::atomic<bool>& stopping,
+                    const Format& target, int output, const std::atomic<bool>& stopping,
                     const Progress& progress);
-Status extractPdfText(const std::string& source, const std::string& output,
-                      const std::atomic<bool>& stopping);
+Status extractPdfText(const std::string& source, int output, const std::atomic<bool>& stopping);
 
 // Sets libvips' limits for untrusted files: only the loaders of the table,
 // no operation cache. Call once at start.

@@ -15,7 +15,8 @@ class HostLog {
  public:
   HostLog(Platform& platform, std::string path) : platform_(platform), path_(std::move(path)) {}
 
-  // Any thread. Failures go to standard error with the line.
+  // Any thread. A line that can't be written goes to standard error and the
+  // journal.
   void log(FinderLog::Level level, const std::string& message) const;
   const std::string& path() const { return path_; }
 
@@ -27,7 +28,8 @@ class HostLog {
 // Appends `line` to the file at `path` in one write, creating the file. Several
 // processes append at once (O_APPEND); under an flock() a writer first looks at
 // the last byte, and when an earlier writer was killed mid-line it ends that
-// fragment with a line feed, so the new line is never glued to it.
+// fragment with a line feed, so the new line is never glued to it. Past 256
+// KiB the file keeps its last 128 KiB, as the extension's log does.
 Status appendWholeLine(const std::string& path, std::string_view line);
 
 }  // namespace palvin::host

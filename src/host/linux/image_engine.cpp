@@ -65,7 +65,7 @@ void limitImageDecoders() {
   vips_cache_set_max(0);
 }
 
-Status convertImage(const std::string& source, const Format& target, const std::string& output,
+Status convertImage(const std::string& source, const Format& target, int output,
                     const std::atomic<bool>& stopping) {
   int fd = ::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return Error{std::generic_category().message(errno)};
@@ -74,6 +74,9 @@ Status convertImage(const std::string& source, const Format& target, const std::
     ::close(fd);
     return Error{"not a regular file"};
   }
+  // libvips keeps one error buffer for the process and only appends to it:
+  // cleared here and after a failure, each file's reason is its own.
+  vips_error_clear();
   try {
     vips::VSource input = vips::VSource::new_from_descriptor(fd);  // takes its own copy
     ::close(fd);
@@ -100,26 +103,28 @@ Status convertImage(const std::string& source, const Format& target, const std::
     vips_image_set_progress(image.get_image(), TRUE);
     g_signal_connect(image.get_image(), "eval", G_CALLBACK(stopWhenAsked),
                      const_cast<std::atomic<bool>*>(&stopping));
-    const char* path = output.c_str();
+    vips::VTarget sink = vips::VTarget::new_to_descriptor(output);  // takes its own copy
     if (target.id == "webp") {
-      image.webpsave(path, vips::VImage::option()->set("Q", 80));
+      image.webpsave_target(sink, vips::VImage::option()->set("Q", 80));
     } else if (target.id == "jpeg") {
-      image.jpegsave(path, vips::VImage::option()->set("Q", 90));
+      image.jpegsave_target(sink, vips::VImage::option()->set("Q", 90));
     } else if (target.id == "png") {
-      image.pngsave(path);
+      image.pngsave_target(sink);
     } else if (target.id == "heic") {
-      image.heifsave(
-          path, vips::VImage::option()->set("Q", 60)->set("compression", VIPS_FOREIGN_HEIF_COMPRESSION_HEVC));
+      image.heifsave_target(
+          sink, vips::VImage::option()->set("Q", 60)->set("compression", VIPS_FOREIGN_HEIF_COMPRESSION_HEVC));
     } else if (target.id == "gif") {
-      image.gifsave(path);
+      image.gifsave_target(sink);
     } else if (target.id == "tiff") {
-      image.tiffsave(path, vips::VImage::option()->set("compression", VIPS_FOREIGN_TIFF_COMPRESSION_DEFLATE));
+      image.tiffsave_target(
+          sink, vips::VImage::option()->set("compression", VIPS_FOREIGN_TIFF_COMPRESSION_DEFLATE));
     } else {
       return Error{"libvips does not write " + std::string(target.displayName) + " here"};
     }
     return success();
   } catch (const vips::VError& error) {
     if (fd >= 0) ::close(fd);
+    vips_error_clear();
     return Error{describeVipsError(error)};
   }
 }

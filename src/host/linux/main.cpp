@@ -12,6 +12,7 @@
 //   image_engine.cpp    libvips; media_engine.cpp ffmpeg; pdf_engine.cpp poppler
 //   request_watch.*     --watch: inotify and the notification FIFO
 //   host_log.*          host-app.log
+//   private_container.* the container refused unless it is the user's alone
 //   conversion_notices.*    what the desktop is told: set-up, progress with Cancel, outcomes
 //   desktop_notification.*  org.freedesktop.Notifications over GDBus
 //
@@ -43,6 +44,7 @@
 #include "finder/finder_sync.h"
 #include "host_log.h"
 #include "platform/linux_platform.h"
+#include "private_container.h"
 #include "request_watch.h"
 #include "requests/request_queue.h"
 #include "shared/paths.h"
@@ -271,11 +273,17 @@ int main(int argc, char** argv) {
   if (auto created = platform.createDirectories(*container); !created.ok()) {
     return fail("Cannot set up the shared container: " + created.error(), fixIt);
   }
+  // Nothing is read from or written to a container someone else can change,
+  // not even the log.
+  if (auto problem = makeContainerPrivate(*container)) {
+    return fail(problem->what, problem->todo.empty() ? fixIt : problem->todo);
+  }
   log.emplace(platform, paths::join(*container, kHostLogName));
   if (ffmpeg.empty()) log->log(Level::warn, "ffmpeg not found in PATH: audio and video are not offered");
-  FileConverter converter(table, ffmpeg, logger, [&notices](const FinderFileTask& task, double fraction) {
-    notices.fileProgress(task, fraction);
-  });
+  FileConverter converter(
+      table, ffmpeg, logger,
+      [&notices](const FinderFileTask& task, double fraction) { notices.fileProgress(task, fraction); },
+      FileConverter::Seams::fromEnvironment());
 
   FinderRequestQueue::Options queueOptions;
   queueOptions.convert = [&converter](const FinderFileTask& task, const std::atomic<bool>& stopping) {

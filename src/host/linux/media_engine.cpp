@@ -62,7 +62,8 @@ class Child {
       wait();
     }
   }
-  Status start(const std::string& program, std::vector<std::string> arguments) {
+  // `output` becomes the child's descriptor 3.
+  Status start(const std::string& program, std::vector<std::string> arguments, int output) {
     int outPipe[2], errPipe[2];
     if (::pipe2(outPipe, O_CLOEXEC) != 0) return Error{std::generic_category().message(errno)};
     if (::pipe2(errPipe, O_CLOEXEC) != 0) {
@@ -77,6 +78,9 @@ class Child {
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
     posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    // From a number above 3, so that dup2 really happens and clears close-on-exec.
+    int high = ::fcntl(output, F_DUPFD_CLOEXEC, 10);
+    posix_spawn_file_actions_adddup2(&actions, high, 3);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t none, all;
@@ -94,6 +98,8 @@ class Child {
     posix_spawnattr_destroy(&attributes);
     ::close(outPipe[1]);
     ::close(errPipe[1]);
+    if (high >= 0) ::close(high);
+    if (high < 0) failure = EMFILE;
     if (failure != 0) {
       pid_ = 0;
       return Error{program + ": " + std::generic_category().message(failure)};
@@ -157,18 +163,18 @@ struct FfmpegOutput {
 }  // namespace
 
 Status convertMedia(const std::string& ffmpeg, const std::string& source, const Format& sourceFormat,
-                    const Format& target, const std::string& output, const std::atomic<bool>& stopping,
+                    const Format& target, int output, const std::atomic<bool>& stopping,
                     const Progress& progress) {
   std::vector<std::string> arguments = {
       "-nostdin", "-hide_banner",  "-nostats", "-loglevel", "info",
       "-y",       "-progress",     "pipe:1",   "-f",        std::string(demuxer(sourceFormat.ffmpegFormat)),
       "-i",       "file:" + source};
   for (auto& argument : codecArguments(target.id)) arguments.push_back(std::move(argument));
-  for (std::string argument : {std::string("-f"), std::string(target.ffmpegFormat), "file:" + output}) {
-    arguments.push_back(std::move(argument));
-  }
+  // The output is the descriptor this host app opened, reached through the
+  // child's own /proc entry: no name in the source's folder is ever opened.
+  arguments.insert(arguments.end(), {"-f", std::string(target.ffmpegFormat), "file:/proc/self/fd/3"});
   Child child;
-  if (auto started = child.start(ffmpeg, std::move(arguments)); !started.ok()) return started;
+  if (auto started = child.start(ffmpeg, std::move(arguments), output); !started.ok()) return started;
 
   FfmpegOutput read;
   bool cancelled = false;

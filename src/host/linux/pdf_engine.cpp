@@ -34,8 +34,7 @@ Status writeAll(int fd, std::string_view bytes) {
 
 }  // namespace
 
-Status extractPdfText(const std::string& source, const std::string& output,
-                      const std::atomic<bool>& stopping) {
+Status extractPdfText(const std::string& source, int out, const std::atomic<bool>& stopping) {
   static std::once_flag quiet;
   // Poppler reports damage on standard error; the result says it instead.
   std::call_once(quiet, [] { poppler::set_debug_error_function([](const std::string&, void*) {}, nullptr); });
@@ -65,8 +64,6 @@ Status extractPdfText(const std::string& source, const std::string& output,
   std::unique_ptr<poppler::document> document(poppler::document::load_from_data(&bytes));
   if (!document) return Error{"not a PDF document, or a damaged one"};
   if (document->is_locked()) return Error{"the PDF is encrypted"};
-  int out = ::open(output.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW);
-  if (out < 0) return Error{std::generic_category().message(errno)};
   Status written = success();
   for (int i = 0; i < document->pages() && written.ok(); ++i) {
     if (stopping.load()) {
@@ -81,7 +78,6 @@ Status extractPdfText(const std::string& source, const std::string& output,
     if (chunk.empty() || chunk.back() != '\f') chunk.push_back('\f');
     written = writeAll(out, chunk);
   }
-  if (::close(out) != 0 && written.ok()) written = Error{std::generic_category().message(errno)};
   return written;
 }
 

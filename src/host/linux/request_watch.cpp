@@ -26,7 +26,7 @@ std::string systemError(std::string_view what, int errnum) {
 // missing, and held open for reading and writing so it never reports an end.
 int openNotificationFifo(const std::string& fifo, std::string* problem) {
   std::string directory = paths::parent(fifo);
-  if (::mkdir(directory.c_str(), 0777) != 0 && errno != EEXIST) {
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
     *problem = systemError(directory, errno);
     return -1;
   }
