@@ -308,8 +308,9 @@ TEST(HostApp, ThreeHundredKillsLeaveNoDuplicateNoLeftoverAndLoseNothing) {
   }
   // The instance the systemd path unit starts (watching, leaving when idle)
   // and the one the extension starts (leaving once nothing is left) finish.
-  auto service = std::async(std::launch::async,
-                            [&] { return runHost(container, {}, {}, {"--watch", "--idle-exit", "1"}); });
+  auto service = std::async(std::launch::async, [&] {
+    return runHost(container, {}, {}, {"--watch", "--idle-exit", "1"});
+  });
   ASSERT_EQ(runHost(container).exitCode, 0);
   ASSERT_EQ(service.get().exitCode, 0);
   std::vector<std::string> wrong, left;
