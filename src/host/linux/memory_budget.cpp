@@ -18,7 +18,8 @@ std::uint64_t MemoryBudget::sizeFromEnvironment() {
     if (error == std::errc() && *end == '\0' && mib > 0 && mib < (1u << 24)) return mib * MiB;
   }
   const long pages = ::sysconf(_SC_PHYS_PAGES), pageSize = ::sysconf(_SC_PAGESIZE);
-  const std::uint64_t physical = pages > 0 && pageSize > 0 ? std::uint64_t(pages) * std::uint64_t(pageSize) : 0;
+  const std::uint64_t physical =
+      pages > 0 && pageSize > 0 ? std::uint64_t(pages) * std::uint64_t(pageSize) : 0;
   return std::clamp<std::uint64_t>(physical / 4, 256 * MiB, 4096 * MiB);
 }
 
@@ -30,8 +31,8 @@ Result<MemoryBudget::Hold> MemoryBudget::reserve(std::uint64_t bytes, const std:
   }
   std::unique_lock lock(mutex_);
   if (used_ + bytes > size_) {
-    log_(FinderLog::Level::info, "Waiting for memory: " + what + " needs about " + describeBytes(bytes) + ", " +
-                                     describeBytes(used_) + " of " + describeBytes(size_) + " in use");
+    log_(FinderLog::Level::info, "Waiting for memory: " + what + " needs about " + describeBytes(bytes) +
+                                     ", " + describeBytes(used_) + " of " + describeBytes(size_) + " in use");
   }
   // Releases notify; the stop flag is an atomic no one notifies for, so it
   // is looked at often enough for a Cancel to feel immediate.

@@ -26,7 +26,8 @@ class MemoryBudget {
    public:
     Hold(MemoryBudget* budget, std::uint64_t bytes, std::string what)
         : budget_(budget), bytes_(bytes), what_(std::move(what)) {}
-    Hold(Hold&& other) noexcept : budget_(other.budget_), bytes_(other.bytes_), what_(std::move(other.what_)) {
+    Hold(Hold&& other) noexcept
+        : budget_(other.budget_), bytes_(other.bytes_), what_(std::move(other.what_)) {
       other.budget_ = nullptr;
     }
     Hold& operator=(Hold&&) = delete;
