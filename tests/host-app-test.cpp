@@ -512,6 +512,47 @@ TEST(HostApp, AFullDiskLosesNoRequest) {
       << run.out;
 }
 
+// Under a 48 MiB budget a 2000 x 2000 RGB image fits for JPEG and WebP but
+// not for HEIC, which is refused while the request's other file converts; two
+// such images to WebP don't fit together, so the log shows one holding its
+// memory only after the other gave it back.
+TEST(HostApp, AMemoryBudgetSerializesLargeImagesAndRefusesWhatNeverFits) {
+  TempDir dir;
+  const std::string container = dir.file("container"), logo = writeLogo(dir, "logo.png");
+  const std::string one = writeImage(dir, "one.png", 2000, 2000),
+                    two = writeImage(dir, "two.png", 2000, 2000);
+  const std::vector<std::tuple<std::string, std::vector<std::string>, std::string>> rows = {
+      {"jpeg", {one}, "converted"},
+      {"heic", {one, logo}, "needs about [0-9]+ MiB of memory; the host app's budget is 48 MiB; converted"},
+      {"webp", {one, two, logo}, "converted; converted; converted"}};
+  for (const auto& [target, sources, _] : rows) {
+    FinderConversionRequest request{target, {}};
+    for (const auto& source : sources) request.files.push_back({source, "png"});
+    dir.write("container/requests/" + target + ".json", *request.encode());
+  }
+  ASSERT_EQ(testing::runProgram("/usr/bin/timeout", {"300", PALVIN_HOST_APP_PATH},
+                                {"PALVIN_SHARED_CONTAINER=" + container, "-DBUS_SESSION_BUS_ADDRESS",
+                                 "PALVIN_HOST_MEMORY_MIB=48"})
+                .exitCode,
+            0);
+  for (const auto& [target, sources, expected] : rows) {
+    std::string outcomes;
+    for (const auto& file : resultOf(container, target + ".json").files)
+      outcomes +=
+          (outcomes.empty() ? "" : "; ") + (file.status == Status::converted ? "converted" : file.error);
+    EXPECT_TRUE(std::regex_match(outcomes, std::regex(expected))) << target << ": " << outcomes;
+  }
+  // Holders of the two images' memory, in the log's order: never both.
+  const std::string log = readText(container + "/host-app.log");
+  std::smatch event;
+  int holding = 0, most = 0;
+  for (auto at = log.cbegin(); std::regex_search(
+           at, log.cend(), event, std::regex(R"(Memory: \S+/(one|two)\.png (holds|gave back))"));
+       at = event[0].second)
+    most = std::max(most, holding += event[2] == "holds" ? 1 : -1);
+  EXPECT_EQ(most, 1) << log;
+}
+
 // "Open to set up" starts the host app with --activate: it replaces a
 // catalogue unlike its own (leaving its own alone), and the user is told on
 // the desktop that it is ready, or what is wrong and what to do.

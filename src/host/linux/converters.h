@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "catalogue/capabilities.h"
+#include "memory_budget.h"
 #include "requests/request_queue.h"
 #include "shared/result.h"
 
@@ -59,8 +60,9 @@ using Progress = std::function<void(double fraction)>;
 
 // Engines: each writes the converted `source` through `output`, a descriptor
 // of an empty file open for reading and writing (never reopened by name), or
-// says why it can't. `stopping` asks a long conversion to give up.
-Status convertImage(const std::string& source, const Format& target, int output,
+// says why it can't. `stopping` asks a long conversion to give up. An image
+// waits for its share of `memory` once its header is read.
+Status convertImage(const std::string& source, const Format& target, int output, MemoryBudget& memory,
                     const std::atomic<bool>& stopping);
 Status convertMedia(const std::string& ffmpeg, const std::string& source, const Format& sourceFormat,
                     const Format& target, int output, const std::atomic<bool>& stopping,

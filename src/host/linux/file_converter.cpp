@@ -180,7 +180,7 @@ Status FileConverter::convert(const Conversion& conversion, const FinderFileTask
   const Format& target = *table_.format(conversion.target);
   switch (conversion.engine) {
     case Engine::libvips:
-      return convertImage(task.file.path, target, output, stopping);
+      return convertImage(task.file.path, target, output, memory_, stopping);
     case Engine::poppler:
       return extractPdfText(task.file.path, output, stopping);
     case Engine::ffmpeg: {

@@ -33,12 +33,13 @@ class FileConverter {
   };
 
   FileConverter(const ConverterTable& table, std::string ffmpeg, Logger log, FileProgress progress,
-                Seams seams)
+                Seams seams, MemoryBudget& memory)
       : table_(table),
         ffmpeg_(std::move(ffmpeg)),
         log_(std::move(log)),
         progress_(std::move(progress)),
-        seams_(seams) {
+        seams_(seams),
+        memory_(memory) {
     // Read once, before any worker runs: umask() can only be read by setting it.
     umask_ = ::umask(077);
     ::umask(umask_);
@@ -57,6 +58,7 @@ class FileConverter {
   Logger log_;
   FileProgress progress_;
   Seams seams_;
+  MemoryBudget& memory_;
   mode_t umask_ = 022;
 };
 

@@ -65,7 +65,7 @@ void limitImageDecoders() {
   vips_cache_set_max(0);
 }
 
-Status convertImage(const std::string& source, const Format& target, int output,
+Status convertImage(const std::string& source, const Format& target, int output, MemoryBudget& memory,
                     const std::atomic<bool>& stopping) {
   int fd = ::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) return Error{std::generic_category().message(errno)};
@@ -99,6 +99,11 @@ Status convertImage(const std::string& source, const Format& target, int output,
       return Error{"image too large: " + std::to_string(image.width()) + " x " +
                    std::to_string(image.height()) + " pixels (the limit is 100 megapixels)"};
     }
+    // Only the header is read so far: the pixels wait for room.
+    const double decoded = pixels * image.bands() * static_cast<double>(vips_format_sizeof(image.format()));
+    auto hold =
+        memory.reserve(static_cast<std::uint64_t>(decoded * memoryFactor(target.id)), source, stopping);
+    if (!hold.ok()) return Error{hold.error()};
     image = toSaveable(image, target.id);
     vips_image_set_progress(image.get_image(), TRUE);
     g_signal_connect(image.get_image(), "eval", G_CALLBACK(stopWhenAsked),

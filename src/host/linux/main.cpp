@@ -69,7 +69,11 @@ constexpr const char* kUsage =
     "              ready or what to do, and print what the shared container holds\n"
     "\n"
     "The shared container is $PALVIN_SHARED_CONTAINER (absolute), else $XDG_DATA_HOME/<app group>,\n"
-    "else ~/.local/share/<app group>. Audio and video need the ffmpeg program in $PATH.\n";
+    "else ~/.local/share/<app group>. Audio and video need the ffmpeg program in $PATH.\n"
+    "\n"
+    "Images share one memory budget, a quarter of the machine's memory (256 MiB to 4 GiB), or\n"
+    "$PALVIN_HOST_MEMORY_MIB mebibytes: an image waits until its estimate fits beside those\n"
+    "converting, and one whose estimate exceeds the whole budget is refused with the reason.\n";
 
 // Written by the signal handler, read by the watch: one byte wakes it.
 int stopPipe[2] = {-1, -1};
@@ -280,10 +284,11 @@ int main(int argc, char** argv) {
   }
   log.emplace(platform, paths::join(*container, kHostLogName));
   if (ffmpeg.empty()) log->log(Level::warn, "ffmpeg not found in PATH: audio and video are not offered");
+  MemoryBudget memory(MemoryBudget::sizeFromEnvironment(), logger);
   FileConverter converter(
       table, ffmpeg, logger,
       [&notices](const FinderFileTask& task, double fraction) { notices.fileProgress(task, fraction); },
-      FileConverter::Seams::fromEnvironment());
+      FileConverter::Seams::fromEnvironment(), memory);
 
   FinderRequestQueue::Options queueOptions;
   queueOptions.convert = [&converter](const FinderFileTask& task, const std::atomic<bool>& stopping) {
