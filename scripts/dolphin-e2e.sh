@@ -51,7 +51,9 @@ done
 [ -f "$plugin" ] || skip "the plugin was not built ($plugin)"
 [ -x "$host" ] || skip "the host app was not built ($host)"
 # A plugin built with a sanitizer needs its runtime loaded first, which Dolphin is not.
-if ldd "$plugin" | grep -qE 'lib(a|t|ub)san'; then skip "the plugin is built with a sanitizer and Dolphin is not"; fi
+# (ldd's whole output first: grep -q leaving early would end ldd with SIGPIPE,
+# and under pipefail the check would then fail and Dolphin load the plugin.)
+if grep -qE 'lib(a|t|ub)san' <<<"$(ldd "$plugin")"; then skip "the plugin is built with a sanitizer and Dolphin is not"; fi
 
 tmp="$(mktemp -d /tmp/palvin-dolphin-XXXXXX)"
 # Every process started from here on carries this variable, so the clean-up
@@ -82,7 +84,7 @@ ours() {
   for entry in /proc/[0-9]*; do
     pid="${entry#/proc/}"
     [ "$(awk '{print $3}' "$entry/stat" 2>/dev/null)" = Z ] && continue
-    tr "\\0" "\\n" 2>/dev/null <"$entry/environ" | grep -qxF "PALVIN_E2E_RUN=$tmp" && echo "$pid"
+    grep -qxF "PALVIN_E2E_RUN=$tmp" <<<"$(tr "\\0" "\\n" 2>/dev/null <"$entry/environ")" && echo "$pid"
   done
 }
 cleanup() {
